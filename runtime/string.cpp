@@ -1,0 +1,131 @@
+#include "runtime/string.h"
+
+#include <stdarg.h>
+#include <string.h>
+
+#include "runtime/charset.h"
+#include "runtime/crt.h"
+
+namespace {
+
+const int kInitialCapacity = 6;
+const unsigned int kFormatBufferSize = 16384;
+
+// The length of s cut to n characters when n is positive.
+unsigned int LimitedLength(char const* s, int n) {
+  unsigned int length = UnicodeStringLen(s);
+  if (n > 0 && length > static_cast<unsigned int>(n)) length = static_cast<unsigned int>(n);
+  return length;
+}
+
+}  // namespace
+
+template <typename T>
+int UnicodeStringCmp(T const* a, T const* b, int n) {
+  if (a == nullptr || b == nullptr) {
+    if (a == b) return 0;
+    return a == nullptr ? -1 : 1;
+  }
+  if (n != -1 && n <= 0) return 0;
+  const unsigned int lengthA = LimitedLength(a, n);
+  const unsigned int lengthB = LimitedLength(b, n);
+  if (lengthA == 0 || lengthB == 0) {
+    if (lengthA == lengthB) return 0;
+    return lengthA == 0 ? -1 : 1;
+  }
+  for (unsigned int i = 0; i < lengthA && i < lengthB; ++i) {
+    const bool lastOfA = i + 1 == lengthA;
+    const bool lastOfB = i + 1 == lengthB;
+    if (lastOfA != lastOfB) return lastOfA ? -1 : 1;
+    const signed char charA = static_cast<signed char>(a[i]);
+    const signed char charB = static_cast<signed char>(b[i]);
+    if (charA != charB) return charA < charB ? -1 : 1;
+  }
+  return 0;
+}
+
+template KAVO_API unsigned int UnicodeStringLen<char>(char const*);
+template KAVO_API int UnicodeStringCmp<char>(char const*, char const*, int);
+
+// One growth rule for every operation: room for n characters means
+// capacity >= n + 2; otherwise the buffer becomes 2n + 2 bytes and keeps its
+// whole old content at its start.
+template <typename T>
+void CBasicString<T>::Reserve(int nCharacters) {
+  if (m_nCapacity >= nCharacters + 2) return;
+  const int newCapacity = 2 * nCharacters + 2;
+  T* grown = new T[newCapacity];
+  memcpy(grown, m_pData, static_cast<size_t>(m_nCapacity) * sizeof(T));
+  memset(grown + m_nCapacity, 0, static_cast<size_t>(newCapacity - m_nCapacity) * sizeof(T));
+  delete[] m_pData;
+  m_pData = grown;
+  m_nCapacity = newCapacity;
+}
+
+template <typename T>
+void CBasicString<T>::SetFrom(T const* s, int len) {
+  m_pData = new T[kInitialCapacity]();
+  m_nCapacity = kInitialCapacity;
+  m_nLength = 0;
+  if (len == -1) len = static_cast<int>(UnicodeStringLen(s));
+  if (len < 0) len = 0;
+  Reserve(len);
+  if (len > 0) memcpy(m_pData, s, static_cast<size_t>(len) * sizeof(T));
+  memset(m_pData + len, 0, static_cast<size_t>(m_nCapacity - len) * sizeof(T));
+  m_nLength = len;
+}
+
+template <typename T>
+CBasicString<T>::CBasicString(T const* s, int len) {
+  SetFrom(s, len);
+}
+
+template <typename T>
+CBasicString<T>::CBasicString(const CBasicString& other) {
+  SetFrom(other.m_pData, other.m_nLength);
+}
+
+template <typename T>
+CBasicString<T>::~CBasicString() {
+  delete[] m_pData;
+  m_pData = nullptr;
+}
+
+template <typename T>
+CBasicString<T>& CBasicString<T>::operator=(T const* s) {
+  if (s == nullptr) s = "";
+  // s may point into our own buffer; growth moves that text to the start of
+  // the new buffer, so follow it there.
+  const bool inside = s >= m_pData && s < m_pData + m_nCapacity;
+  const int offset = inside ? static_cast<int>(s - m_pData) : 0;
+  Reserve(static_cast<int>(UnicodeStringLen(s)));
+  if (inside) s = m_pData + offset;
+  UnicodeStrCpy<T>(m_pData, s, -1);
+  m_nLength = static_cast<int>(UnicodeStringLen(m_pData));
+  return *this;
+}
+
+template <typename T>
+CBasicString<T>& CBasicString<T>::operator+=(T const* s) {
+  // s may point into this buffer, which the growth below releases.
+  const CBasicString copy(s, -1);
+  Reserve(m_nLength + copy.m_nLength);
+  UnicodeStrCat<T>(m_pData, copy.m_pData);
+  m_nLength = static_cast<int>(UnicodeStringLen(m_pData));
+  return *this;
+}
+
+template <typename T>
+void CBasicString<T>::Format(T const* format, ...) {
+  T scratch[kFormatBufferSize];
+  scratch[0] = 0;
+  va_list arguments;
+  va_start(arguments, format);
+  _vsnprintf_s(scratch, kFormatBufferSize, kFormatBufferSize - 1, format, arguments);
+  va_end(arguments);
+  Reserve(static_cast<int>(UnicodeStringLen(scratch)));
+  strcpy_s(m_pData, static_cast<unsigned int>(m_nCapacity), scratch);
+  m_nLength = static_cast<int>(UnicodeStringLen(m_pData));
+}
+
+template class CBasicString<char>;
