@@ -1,0 +1,48 @@
+#include "device/transport.h"
+
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "runtime/os.h"
+
+namespace {
+
+// Command lengths by operation-code group (opcode >> 5). Group 4 is taken
+// as 12 bytes; 16-byte commands of that group need SG_NEXT_CMD_LEN.
+const unsigned char kGroupCommandLength[8] = {6, 10, 10, 12, 12, 12, 10, 10};
+
+int DefaultCommandLength(int opcode) { return kGroupCommandLength[(opcode >> 5) & 7]; }
+
+}  // namespace
+
+int SCSI_LinuxDeviceIo(int fd, sg_header* request, unsigned int requestLength, sg_header* reply,
+                       unsigned int replyLength, unsigned int* bytesRead) {
+  ssize_t written = kavo::os::Write(fd, request, requestLength);
+  if (written < 0 || static_cast<size_t>(written) != requestLength) {
+    *bytesRead = 0;
+    return 0;
+  }
+  ssize_t received = kavo::os::Read(fd, reply, replyLength);
+  *bytesRead = static_cast<unsigned int>(received);
+  return received >= 0 && static_cast<size_t>(received) == replyLength ? 1 : 0;
+}
+
+int SCSI_LinuxSetTimeout(int fd, int timeout) { return kavo::os::Ioctl(fd, SG_SET_TIMEOUT, &timeout); }
+
+void SCSI_Fix_CMD_LEN(int fd, int opcode, int cdbLength) {
+  if (DefaultCommandLength(opcode) == cdbLength) return;
+  kavo::os::Ioctl(fd, SG_NEXT_CMD_LEN, &cdbLength);
+}
+
+int SCSI_isadapter(int host, char* dirPath) {
+  char hostName[16];
+  snprintf(hostName, sizeof hostName, "%d", host);
+  std::vector<std::string> names;
+  if (!kavo::os::ListDirectory(dirPath, names)) return 0;
+  int found = 0;
+  for (const std::string& name : names)
+    if (name == hostName) found = 1;
+  return found;
+}

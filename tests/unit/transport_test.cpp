@@ -1,0 +1,184 @@
+// The SG transport against the emulated generic driver.
+#include <fcntl.h>
+#include <scsi/sg.h>
+#include <string.h>
+
+#include <vector>
+
+#include "device/transport.h"
+#include "gtest/gtest.h"
+#include "runtime/os.h"
+#include "tests/fixture/emulated_drive.h"
+#include "tests/fixture/world.h"
+
+namespace {
+
+using fixture::EmulatedDrive;
+
+const unsigned int kHeader = sizeof(sg_header);
+
+std::vector<int> NextCommandLengths(const fixture::FixtureWorld& world) {
+  std::vector<int> values;
+  for (const fixture::IoctlRecord& record : world.Ioctls())
+    if (record.request == SG_NEXT_CMD_LEN) values.push_back(record.value);
+  return values;
+}
+
+class TransportTest : public ::testing::Test {
+ protected:
+  TransportTest() : scope_(world_) {
+    node_ = fixture::PlaceSgDrive(world_, "/dev/sg0", 0, 0, 0, 0);
+    fd_ = kavo::os::Open("/dev/sg0", O_RDWR);
+  }
+  ~TransportTest() override { kavo::os::Close(fd_); }
+
+  // One exchange: header with reply_len, the CDB, data out; reply of
+  // 36 + dataIn bytes.
+  int Exchange(const std::vector<unsigned char>& cdb, const std::vector<unsigned char>& dataOut, unsigned int dataIn,
+               std::vector<unsigned char>& reply, unsigned int& bytesRead) {
+    std::vector<unsigned char> request(kHeader, 0);
+    request.insert(request.end(), cdb.begin(), cdb.end());
+    request.insert(request.end(), dataOut.begin(), dataOut.end());
+    reply.assign(kHeader + dataIn, 0xEE);
+    reinterpret_cast<sg_header*>(request.data())->reply_len = static_cast<int>(reply.size());
+    return SCSI_LinuxDeviceIo(fd_, reinterpret_cast<sg_header*>(request.data()), static_cast<unsigned int>(request.size()),
+                              reinterpret_cast<sg_header*>(reply.data()), static_cast<unsigned int>(reply.size()),
+                              &bytesRead);
+  }
+
+  fixture::FixtureWorld world_;
+  fixture::FixtureWorld::Scope scope_;
+  std::shared_ptr<fixture::SgNode> node_;
+  int fd_;
+};
+
+TEST_F(TransportTest, CommandWithoutDataExchangesBareHeaders) {
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 0;
+  ASSERT_EQ(1, Exchange({0x00, 0, 0, 0, 0, 0}, {}, 0, reply, bytesRead));
+  EXPECT_EQ(kHeader, bytesRead);
+  const sg_header* header = reinterpret_cast<const sg_header*>(reply.data());
+  EXPECT_EQ(0, header->result);
+  EXPECT_EQ(0u, header->target_status);
+  ASSERT_EQ(1u, node_->drive().Commands().size());
+  EXPECT_EQ(6u, node_->drive().Commands()[0].cdb.size());
+  EXPECT_EQ(0u, node_->drive().Commands()[0].dataInLength);
+}
+
+TEST_F(TransportTest, DataInFollowsTheReplyHeaderAndDataOutReachesTheDrive) {
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 0;
+  ASSERT_EQ(1, Exchange({0x12, 0, 0, 0, 36, 0}, {}, 36, reply, bytesRead));
+  EXPECT_EQ(kHeader + 36, bytesRead);
+  EXPECT_EQ(0x05, reply[kHeader]);
+  EXPECT_EQ(0, memcmp(&reply[kHeader + 8], "KAVO", 4));
+
+  const std::vector<unsigned char> key = {0, 10, 0, 0, 1, 2, 3, 4, 5, 6, 0, 0};
+  ASSERT_EQ(1, Exchange({0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 12, 0, 0}, key, 0, reply, bytesRead));
+  EXPECT_EQ(key, node_->drive().sentKey);
+}
+
+TEST_F(TransportTest, CheckConditionIsASuccessfulExchangeCarryingStatusAndSense) {
+  node_->drive().FailNextWithSense(0x06, 0x28, 0x00);
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 0;
+  ASSERT_EQ(1, Exchange({0x00, 0, 0, 0, 0, 0}, {}, 0, reply, bytesRead));
+  EXPECT_EQ(0x02, reply[16] & 0x3E);
+  EXPECT_EQ(0x70, reply[20]);
+  EXPECT_EQ(0x06, reply[22]);
+}
+
+TEST_F(TransportTest, BusyDriverResultStillReturnsTheFullReply) {
+  node_->drive().FailNext(EmulatedDrive::Fault::DriverBusy);
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 0;
+  EXPECT_EQ(1, Exchange({0x00, 0, 0, 0, 0, 0}, {}, 0, reply, bytesRead));
+  EXPECT_EQ(16, reinterpret_cast<const sg_header*>(reply.data())->result);
+}
+
+TEST_F(TransportTest, ShortWriteFailsWithoutReading) {
+  node_->drive().FailNext(EmulatedDrive::Fault::ShortWrite);
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 77;
+  EXPECT_EQ(0, Exchange({0x00, 0, 0, 0, 0, 0}, {}, 0, reply, bytesRead));
+  EXPECT_EQ(0u, bytesRead);
+  EXPECT_EQ(0xEE, reply[0]);
+}
+
+TEST_F(TransportTest, ShortReadFailsAndReportsTheCount) {
+  node_->drive().FailNext(EmulatedDrive::Fault::ShortRead);
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 0;
+  EXPECT_EQ(0, Exchange({0x12, 0, 0, 0, 36, 0}, {}, 36, reply, bytesRead));
+  EXPECT_EQ(kHeader + 35, bytesRead);
+}
+
+// A node that takes every write and fails every read.
+class DeafNode : public fixture::DeviceNode {
+ public:
+  ssize_t OnWrite(int, const void*, size_t count) override { return static_cast<ssize_t>(count); }
+};
+
+TEST_F(TransportTest, FailedReadStoresAllOnesAndFailedWriteStoresZero) {
+  world_.AddNode("/dev/sg9", std::make_shared<DeafNode>());
+  const int deaf = kavo::os::Open("/dev/sg9", O_RDWR);
+  unsigned char request[kHeader + 6] = {0}, reply[kHeader];
+  unsigned int bytesRead = 0;
+  EXPECT_EQ(0, SCSI_LinuxDeviceIo(deaf, reinterpret_cast<sg_header*>(request), sizeof request,
+                                  reinterpret_cast<sg_header*>(reply), sizeof reply, &bytesRead));
+  EXPECT_EQ(0xFFFFFFFFu, bytesRead);
+  kavo::os::Close(deaf);
+  EXPECT_EQ(0, SCSI_LinuxDeviceIo(deaf, reinterpret_cast<sg_header*>(request), sizeof request,
+                                  reinterpret_cast<sg_header*>(reply), sizeof reply, &bytesRead));
+  EXPECT_EQ(0u, bytesRead);
+}
+
+TEST_F(TransportTest, SixteenByteCommandNeedsTheNextCommandLength) {
+  SCSI_Fix_CMD_LEN(fd_, 0x88, 16);
+  std::vector<unsigned char> reply;
+  unsigned int bytesRead = 0;
+  std::vector<unsigned char> read16(16, 0);
+  read16[0] = 0x88;
+  Exchange(read16, {}, 0, reply, bytesRead);
+  EXPECT_EQ(std::vector<int>{16}, NextCommandLengths(world_));
+  EXPECT_EQ(16u, node_->drive().Commands().back().cdb.size());
+}
+
+TEST_F(TransportTest, CommandLengthIsSetOnlyWhereTheGroupDefaultDiffers) {
+  const int groupDefault[8] = {6, 10, 10, 12, 12, 12, 10, 10};
+  for (int group = 0; group < 8; ++group) {
+    const int opcode = (group << 5) | 0x08;
+    world_.ClearLogs();
+    SCSI_Fix_CMD_LEN(fd_, opcode, groupDefault[group]);
+    EXPECT_TRUE(NextCommandLengths(world_).empty()) << "group " << group;
+    SCSI_Fix_CMD_LEN(fd_, opcode, groupDefault[group] == 6 ? 10 : 6);
+    EXPECT_EQ(std::vector<int>{groupDefault[group] == 6 ? 10 : 6}, NextCommandLengths(world_)) << "group " << group;
+  }
+}
+
+TEST_F(TransportTest, TimeoutIsSetOnTheDescriptorAndFailuresAreReturned) {
+  EXPECT_EQ(0, SCSI_LinuxSetTimeout(fd_, 30000));
+  ASSERT_EQ(1u, world_.Ioctls().size());
+  EXPECT_EQ(static_cast<unsigned long>(SG_SET_TIMEOUT), world_.Ioctls()[0].request);
+  EXPECT_EQ(30000, world_.Ioctls()[0].value);
+  EXPECT_EQ(-1, SCSI_LinuxSetTimeout(fd_, -5));
+  EXPECT_EQ(-1, SCSI_LinuxSetTimeout(-1, 100));
+}
+
+TEST(IsAdapterTest, MatchesTheWholeDecimalNameOnly) {
+  fixture::FixtureWorld world;
+  fixture::FixtureWorld::Scope scope(world);
+  world.AddFile("/proc/scsi/sr_mod/0", "");
+  world.AddFile("/proc/scsi/sr_mod/1", "");
+  world.AddFile("/proc/scsi/sr_mod/10", "");
+  world.AddFile("/proc/scsi/usb/10", "");
+  char both[] = "/proc/scsi/sr_mod", onlyTen[] = "/proc/scsi/usb", missing[] = "/proc/scsi/none";
+  EXPECT_EQ(1, SCSI_isadapter(0, both));
+  EXPECT_EQ(1, SCSI_isadapter(10, both));
+  EXPECT_EQ(0, SCSI_isadapter(2, both));
+  EXPECT_EQ(0, SCSI_isadapter(1, onlyTen));
+  EXPECT_EQ(1, SCSI_isadapter(10, onlyTen));
+  EXPECT_EQ(0, SCSI_isadapter(0, missing));
+}
+
+}  // namespace
