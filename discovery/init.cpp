@@ -1,12 +1,62 @@
+// Start-up and shut-down of discovery: the kernel gate, HAL, the first
+// registry build, and the hot-plug monitor's life.
 #include "discovery/init.h"
 
-#include "aspi/srb.h"
-#include "device/registry_internal.h"
+#include <stdio.h>
+#include <string.h>
+#include <sys/utsname.h>
 
-// Discovery of drives is not built yet: the registry stays empty.
-void SCSI_Init() {
-  IdeAdapterCount = 0;
-  ControllerCount = 0;
+#include "aspi/srb.h"
+#include "discovery/hal.h"
+#include "discovery/init_internal.h"
+#include "runtime/os.h"
+
+int IsKernel26 = 0;
+int MonitorRunning = 0;
+pthread_t MonitorThread;
+std::atomic<int> MonitorStopRequest(0);
+
+namespace {
+
+bool RunningKernelIs26OrLater() {
+  struct utsname system;
+  memset(&system, 0, sizeof system);
+  return kavo::os::Uname(&system) == 0 && SCSI_IsKernel26Release(system.release);
 }
 
-void SCSI_Done(void) {}
+// HAL counts as unavailable unless its start succeeds.
+void StartHal() {
+  if (!libhal_support_init()) libhal_support_done();
+}
+
+}  // namespace
+
+bool SCSI_IsKernel26Release(char const* release) {
+  int major = -1, minor = -1, patch = -1;
+  if (sscanf(release, "%d.%d.%d", &major, &minor, &patch) != 3) return false;
+  return major > 2 || (major == 2 && minor >= 6);
+}
+
+// Called once, by the first ASPI entry point (winaspi32_checkinit holds its
+// own lock around the call, so concurrent first calls wait for the build).
+void SCSI_Init() {
+  if (RunningKernelIs26OrLater()) {
+    IsKernel26 = 1;
+    StartHal();
+  }
+  SCSI_BuildRegistry();
+  // The hot-plug monitor starts here: the first snapshot of its source (HAL,
+  // /sys/block or /proc/scsi/scsi, the first available) under the snapshot
+  // lock, then its thread with MonitorRunning set. Until the monitors exist
+  // the registry stands as built and no thread is started.
+}
+
+void SCSI_Done(void) {
+  if (MonitorRunning == 1) {
+    MonitorStopRequest.store(1);
+    pthread_join(MonitorThread, nullptr);
+    MonitorRunning = 0;
+    MonitorStopRequest.store(0);
+  }
+  if (libhal_support_is_available()) libhal_support_done();
+}
