@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "device/registry_internal.h"
+#include "device/transport.h"
 #include "discovery/init_internal.h"
 #include "discovery/scan_internal.h"
 #include "runtime/os.h"
@@ -18,26 +19,15 @@ namespace {
 
 const int kAdapterNameSize = 64;
 
-// True when directory holds an entry named host in decimal: how the
-// pre-sysfs kernels list a driver's hosts under /proc/scsi/<driver>.
-bool DriverDirectoryListsHost(int host, char const* directory) {
-  std::vector<std::string> entries;
-  if (!kavo::os::ListDirectory(directory, entries)) return false;
-  char hostName[16];
-  snprintf(hostName, sizeof hostName, "%d", host);
-  for (const std::string& entry : entries)
-    if (entry == hostName) return true;
-  return false;
-}
-
-// Before sysfs: the last /proc/scsi driver directory that lists the host.
+// Before sysfs: the last /proc/scsi driver directory that lists the host
+// (pre-sysfs kernels list a driver's hosts by number in its directory).
 void FindDriverNameInProcScsi(int host, char* name) {
   std::vector<std::string> drivers;
   if (!kavo::os::ListDirectory("/proc/scsi", drivers)) return;
   for (const std::string& driver : drivers) {
     if (driver.empty() || driver[0] == '.') continue;
-    const std::string directory = "/proc/scsi/" + driver;
-    if (DriverDirectoryListsHost(host, directory.c_str())) snprintf(name, kAdapterNameSize, "%s", driver.c_str());
+    std::string directory = "/proc/scsi/" + driver;
+    if (SCSI_isadapter(host, &directory[0]) != 0) snprintf(name, kAdapterNameSize, "%s", driver.c_str());
   }
 }
 
