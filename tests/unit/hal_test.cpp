@@ -1,0 +1,281 @@
+// The HAL layer against the HAL double, loaded through the real dlopen path.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "discovery/hal.h"
+#include "tests/doubles/hal_double_control.h"
+#include "tests/fixture/world.h"
+#include "tests/unit/watchdog.h"
+
+namespace {
+
+const char kDrive0[] = "/org/freedesktop/Hal/devices/storage_serial_DRIVE0";
+const char kDrive1[] = "/org/freedesktop/Hal/devices/storage_serial_DRIVE1";
+
+class HalLayerTest : public ::testing::Test {
+ protected:
+  explicit HalLayerTest(const char* variant = "libhal_double") : hal_(variant) {}
+
+  void SetUp() override {
+    ASSERT_TRUE(hal_.Loaded());
+    hal_.Reset();
+    hal_.MapInto(world_);
+  }
+
+  void TearDown() override {
+    hal_.Fail(HAL_DOUBLE_SHUTDOWN, false);
+    bool done = false;
+    ASSERT_TRUE(FinishesWithin(std::chrono::seconds(10), [&done] { done = libhal_support_done(); }));
+    EXPECT_TRUE(done);
+    EXPECT_TRUE(hal_.AllReleased());
+  }
+
+  // Every call of the layer answers "unavailable" without reaching HAL.
+  void ExpectUnavailable() {
+    EXPECT_FALSE(libhal_support_is_available());
+    unsigned int count = 9;
+    EXPECT_EQ(nullptr, libhal_support_get_all_cdrom_devices(&count));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(nullptr, libhal_support_get_block_device(kDrive0));
+    EXPECT_FALSE(libhal_support_lock_device(kDrive0));
+    EXPECT_FALSE(libhal_support_unlock_device(kDrive0));
+    EXPECT_EQ(0, hal_.Calls("libhal_find_device_by_capability"));
+    EXPECT_EQ(0, hal_.Calls("libhal_device_get_property_string"));
+    EXPECT_EQ(0, hal_.Calls("dbus_message_new_method_call"));
+  }
+
+  fixture::FixtureWorld world_;
+  fixture::FixtureWorld::Scope scope_{world_};
+  HalDouble hal_;
+};
+
+TEST(HalWithoutLibrary, EveryCallReportsUnavailable) {
+  fixture::FixtureWorld world;
+  fixture::FixtureWorld::Scope scope(world);
+  EXPECT_FALSE(libhal_support_init());
+  EXPECT_TRUE(libhal_support_done());
+  EXPECT_FALSE(libhal_support_is_available());
+  unsigned int count = 3;
+  EXPECT_EQ(nullptr, libhal_support_get_all_cdrom_devices(&count));
+  EXPECT_EQ(0u, count);
+  EXPECT_EQ(nullptr, libhal_support_get_block_device(kDrive0));
+  EXPECT_FALSE(libhal_support_lock_device(kDrive0));
+  libhal_support_free_string(nullptr);
+  libhal_support_free_string_array(nullptr);
+}
+
+TEST_F(HalLayerTest, StartsOnTheSystemBusAndShutsDown) {
+  ASSERT_TRUE(libhal_support_init());
+  EXPECT_TRUE(libhal_support_is_available());
+  EXPECT_EQ(1, hal_.LastBusType());
+  EXPECT_EQ(1, hal_.Calls("libhal_ctx_new"));
+  EXPECT_EQ(1, hal_.Calls("libhal_ctx_set_dbus_connection"));
+  EXPECT_EQ(1, hal_.Calls("libhal_ctx_init"));
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_ERRORS));
+
+  EXPECT_TRUE(libhal_support_done());
+  EXPECT_EQ(1, hal_.Calls("libhal_ctx_shutdown"));
+  EXPECT_EQ(1, hal_.Calls("libhal_ctx_free"));
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_CONTEXTS));
+  ExpectUnavailable();
+}
+
+// A start that fails at one step: which function was the last reached.
+struct FailedStart {
+  const char* name;
+  const char* variant;
+  int refusedStep;  // -1: the variant's missing symbol is the failure
+  const char* lastReached;
+  const char* neverReached;
+};
+
+void PrintTo(const FailedStart& start, std::ostream* out) { *out << start.name; }
+
+class HalFailedStartTest : public HalLayerTest, public ::testing::WithParamInterface<FailedStart> {
+ protected:
+  HalFailedStartTest() : HalLayerTest(GetParam().variant) {}
+};
+
+TEST_P(HalFailedStartTest, LeavesHalUnavailableAndDoneClearsIt) {
+  const FailedStart& start = GetParam();
+  if (start.refusedStep >= 0) hal_.Fail(static_cast<HalDoubleStep>(start.refusedStep));
+
+  EXPECT_FALSE(libhal_support_init());
+  if (start.lastReached != nullptr) {
+    EXPECT_EQ(1, hal_.Calls(start.lastReached));
+  }
+  EXPECT_EQ(0, hal_.Calls(start.neverReached));
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_ERRORS));
+  ExpectUnavailable();
+
+  EXPECT_TRUE(libhal_support_done());
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_CONTEXTS));
+  ExpectUnavailable();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryStep, HalFailedStartTest,
+    ::testing::Values(
+        FailedStart{"MissingDBusSymbol", "libhal_double_without_dbus_message_unref", -1, nullptr, "dbus_bus_get"},
+        FailedStart{"NoSystemBus", "libhal_double", HAL_DOUBLE_BUS, "dbus_bus_get", "libhal_ctx_new"},
+        FailedStart{"MissingHalSymbol", "libhal_double_without_libhal_free_string", -1, "dbus_bus_get",
+                    "libhal_ctx_new"},
+        FailedStart{"ContextRefused", "libhal_double", HAL_DOUBLE_CONTEXT_NEW, "libhal_ctx_new",
+                    "libhal_ctx_set_dbus_connection"},
+        FailedStart{"ConnectionRefused", "libhal_double", HAL_DOUBLE_SET_CONNECTION,
+                    "libhal_ctx_set_dbus_connection", "libhal_ctx_init"},
+        FailedStart{"ContextInitRefused", "libhal_double", HAL_DOUBLE_CONTEXT_INIT, "libhal_ctx_init",
+                    "libhal_ctx_shutdown"}),
+    [](const ::testing::TestParamInfo<FailedStart>& info) { return std::string(info.param.name); });
+
+TEST_F(HalLayerTest, SecondStartReusesTheLoadedLibraryAndReplacesTheFailedContext) {
+  hal_.Fail(HAL_DOUBLE_CONTEXT_INIT);
+  EXPECT_FALSE(libhal_support_init());
+  world_.MapLibrary("libhal.so.1", "/nonexistent/libhal.so.1");
+  hal_.Fail(HAL_DOUBLE_CONTEXT_INIT, false);
+
+  EXPECT_TRUE(libhal_support_init());
+  EXPECT_EQ(2, hal_.Calls("libhal_ctx_new"));
+  EXPECT_EQ(1, hal_.Outstanding(HAL_DOUBLE_CONTEXTS));
+}
+
+TEST_F(HalLayerTest, ListsCdromUdisAndTheirBlockDevices) {
+  hal_.AddCdrom(kDrive0, "/dev/sr0");
+  hal_.AddCdrom(kDrive1, nullptr);
+  ASSERT_TRUE(libhal_support_init());
+
+  unsigned int count = 0;
+  char** udis = libhal_support_get_all_cdrom_devices(&count);
+  ASSERT_NE(nullptr, udis);
+  ASSERT_EQ(2u, count);
+  EXPECT_STREQ(kDrive0, udis[0]);
+  EXPECT_STREQ(kDrive1, udis[1]);
+
+  char* block = libhal_support_get_block_device(udis[0]);
+  ASSERT_NE(nullptr, block);
+  EXPECT_STREQ("/dev/sr0", block);
+  libhal_support_free_string(block);
+  EXPECT_EQ(nullptr, libhal_support_get_block_device(udis[1]));
+  EXPECT_EQ(nullptr, libhal_support_get_block_device("/org/freedesktop/Hal/devices/unknown"));
+  libhal_support_free_string_array(udis);
+
+  const int queries = hal_.Calls("libhal_device_get_property_string");
+  EXPECT_EQ(nullptr, libhal_support_get_block_device(nullptr));
+  EXPECT_EQ(queries, hal_.Calls("libhal_device_get_property_string"));
+
+  char** again = libhal_support_get_all_cdrom_devices(nullptr);
+  EXPECT_NE(nullptr, again);
+  libhal_support_free_string_array(again);
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_STRINGS));
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_STRING_ARRAYS));
+}
+
+TEST_F(HalLayerTest, DeviceListCountsOnlyWhatHalReturned) {
+  ASSERT_TRUE(libhal_support_init());
+  unsigned int count = 5;
+  char** none = libhal_support_get_all_cdrom_devices(&count);
+  ASSERT_NE(nullptr, none);
+  EXPECT_EQ(0u, count);
+  EXPECT_EQ(nullptr, none[0]);
+  libhal_support_free_string_array(none);
+
+  hal_.AddCdrom(kDrive0, "/dev/sr0");
+  hal_.Fail(HAL_DOUBLE_FIND_DEVICES);
+  count = 5;
+  EXPECT_EQ(nullptr, libhal_support_get_all_cdrom_devices(&count));
+  EXPECT_EQ(0u, count);
+}
+
+TEST_F(HalLayerTest, LockAndUnlockSendTheHalDeviceMethods) {
+  ASSERT_TRUE(libhal_support_init());
+  EXPECT_TRUE(libhal_support_lock_device(kDrive0));
+  EXPECT_TRUE(libhal_support_unlock_device(kDrive0));
+
+  const std::vector<HalDoubleMethodCall> sent = hal_.Sent();
+  ASSERT_EQ(2u, sent.size());
+  EXPECT_STREQ("org.freedesktop.Hal", sent[0].destination);
+  EXPECT_STREQ(kDrive0, sent[0].path);
+  EXPECT_STREQ("org.freedesktop.Hal.Device", sent[0].interface);
+  EXPECT_STREQ("Lock", sent[0].method);
+  ASSERT_EQ(1, sent[0].argumentCount);
+  EXPECT_STREQ("Locked by KavoAPI", sent[0].arguments[0]);
+
+  EXPECT_STREQ("org.freedesktop.Hal", sent[1].destination);
+  EXPECT_STREQ(kDrive0, sent[1].path);
+  EXPECT_STREQ("org.freedesktop.Hal.Device", sent[1].interface);
+  EXPECT_STREQ("Unlock", sent[1].method);
+  EXPECT_EQ(0, sent[1].argumentCount);
+
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_MESSAGES));
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_ERRORS));
+}
+
+TEST_F(HalLayerTest, RefusedLockStepsReportFalseAndReleaseEverything) {
+  ASSERT_TRUE(libhal_support_init());
+  EXPECT_FALSE(libhal_support_lock_device(nullptr));
+  EXPECT_EQ(0, hal_.Calls("dbus_message_new_method_call"));
+
+  hal_.Fail(HAL_DOUBLE_METHOD_CALL);
+  EXPECT_FALSE(libhal_support_lock_device(kDrive0));
+  EXPECT_FALSE(libhal_support_unlock_device(kDrive0));
+  EXPECT_EQ(2u, hal_.Sent().size());
+  hal_.Fail(HAL_DOUBLE_METHOD_CALL, false);
+
+  hal_.Fail(HAL_DOUBLE_APPEND_ARGS);
+  EXPECT_FALSE(libhal_support_lock_device(kDrive0));
+  hal_.Fail(HAL_DOUBLE_APPEND_ARGS, false);
+
+  hal_.Fail(HAL_DOUBLE_NEW_MESSAGE);
+  EXPECT_FALSE(libhal_support_lock_device(kDrive0));
+  hal_.Fail(HAL_DOUBLE_NEW_MESSAGE, false);
+
+  EXPECT_EQ(2u, hal_.Sent().size());
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_MESSAGES));
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_ERRORS));
+  EXPECT_TRUE(libhal_support_lock_device(kDrive0));
+}
+
+TEST_F(HalLayerTest, RefusedShutdownLeavesTheLayerUsable) {
+  ASSERT_TRUE(libhal_support_init());
+  hal_.Fail(HAL_DOUBLE_SHUTDOWN);
+  EXPECT_FALSE(libhal_support_done());
+  EXPECT_TRUE(libhal_support_is_available());
+  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_ERRORS));
+  EXPECT_EQ(1, hal_.Outstanding(HAL_DOUBLE_CONTEXTS));
+
+  bool locked = false;
+  ASSERT_TRUE(FinishesWithin(std::chrono::seconds(10), [&locked] { locked = libhal_support_lock_device(kDrive0); }));
+  EXPECT_TRUE(locked);
+
+  hal_.Fail(HAL_DOUBLE_SHUTDOWN, false);
+  EXPECT_TRUE(libhal_support_done());
+  EXPECT_FALSE(libhal_support_is_available());
+}
+
+TEST_F(HalLayerTest, CallsFromManyThreadsReachHalOneAtATime) {
+  hal_.AddCdrom(kDrive0, "/dev/sr0");
+  ASSERT_TRUE(libhal_support_init());
+  hal_.SetCallDelay(200);
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 5; ++i) {
+        libhal_support_lock_device(kDrive0);
+        libhal_support_free_string(libhal_support_get_block_device(kDrive0));
+        libhal_support_unlock_device(kDrive0);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  hal_.SetCallDelay(0);
+
+  EXPECT_EQ(40u, hal_.Sent().size());
+  EXPECT_EQ(1, hal_.MaxConcurrentCalls());
+}
+
+}  // namespace
