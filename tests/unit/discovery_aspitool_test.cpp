@@ -1,0 +1,173 @@
+// aspitool's commands against fixture machines, through the ASPI entry
+// points as the tool uses them.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "aspi/srb.h"
+#include "discovery/init.h"
+#include "discovery/init_internal.h"
+#include "tests/fixture/machines.h"
+#include "tools/aspitool_commands.h"
+
+namespace {
+
+struct ToolRun {
+  int status;
+  std::string out, err;
+};
+
+class Aspitool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    GetASPI32SupportInfo();  // the once-only initialisation is behind us
+    SCSI_ResetDiscoveryState();
+  }
+  void TearDown() override { SCSI_ResetDiscoveryState(); }
+
+  void Discover() { SCSI_Init(); }
+
+  ToolRun Run(std::initializer_list<const char*> arguments) {
+    std::vector<char*> argv{const_cast<char*>("aspitool")};
+    for (const char* argument : arguments) argv.push_back(const_cast<char*>(argument));
+    char *outText = nullptr, *errText = nullptr;
+    size_t outSize = 0, errSize = 0;
+    FILE* out = open_memstream(&outText, &outSize);
+    FILE* err = open_memstream(&errText, &errSize);
+    ToolRun run;
+    run.status = aspitool_main(static_cast<int>(argv.size()), argv.data(), out, err);
+    fclose(out);
+    fclose(err);
+    run.out.assign(outText, outSize);
+    run.err.assign(errText, errSize);
+    free(outText);
+    free(errText);
+    return run;
+  }
+
+  fixture::FixtureWorld world;
+  fixture::FixtureWorld::Scope scope{world};
+};
+
+std::string Describe(const SRB_ExecSCSICmd& srb) {
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* stream = open_memstream(&text, &size);
+  aspitool_describe_failure(stream, &srb);
+  fclose(stream);
+  std::string described(text, size);
+  free(text);
+  return described;
+}
+
+TEST_F(Aspitool, ScanSaysSoWhenThereAreNoAdapters) {
+  fixture::BuildMachineWithoutDrives(world);
+  Discover();
+  ToolRun run = Run({"scan"});
+  EXPECT_EQ(ASPITOOL_OK, run.status);
+  EXPECT_EQ("No host adapters found: the library reaches no CD/DVD drive on this machine.\n", run.out);
+  EXPECT_EQ("", run.err);
+}
+
+TEST_F(Aspitool, ScanListsEveryAdapterByNumberAndName) {
+  fixture::BuildIdeAndScsiMachine(world);
+  Discover();
+  ToolRun run = Run({"scan"});
+  EXPECT_EQ(ASPITOOL_OK, run.status);
+  EXPECT_EQ(0u, run.out.find("5 host adapters\nadapter 0: ide-cdrom\n")) << run.out;
+  for (const char* line : {"adapter 1: ide-cdrom\n", "adapter 2: ata_piix\n", "adapter 3: unknown\n  no devices\n",
+                           "adapter 4: sym53c8xx\n"})
+    EXPECT_NE(std::string::npos, run.out.find(line)) << line << " in\n" << run.out;
+}
+
+TEST_F(Aspitool, RefusesMalformedAddresses) {
+  fixture::BuildIdeAndScsiMachine(world);
+  Discover();
+  for (const char* address : {"1:2", "1:2:3:4", "a:0:0", "256:0:0", "-1:0:0", "", "1::0", " 1:0:0", "1:0:0x"}) {
+    ToolRun run = Run({"inquiry", address});
+    EXPECT_EQ(ASPITOOL_USAGE, run.status) << address;
+    EXPECT_EQ("aspitool: bad device address \"" + std::string(address) +
+                  "\": expected ADAPTER:TARGET:LUN, each 0 to 255\n",
+              run.err);
+    EXPECT_EQ("", run.out);
+  }
+}
+
+TEST_F(Aspitool, ReportsAdaptersAndDevicesThatAreNotThere) {
+  fixture::BuildIdeAndScsiMachine(world);
+  Discover();
+  ToolRun missingAdapter = Run({"toc", "5:0:0"});
+  EXPECT_EQ(ASPITOOL_FAILED, missingAdapter.status);
+  EXPECT_EQ("aspitool: no host adapter 5: the library found 5\n", missingAdapter.err);
+  ToolRun missingDevice = Run({"inquiry", "3:0:0"});
+  EXPECT_EQ(ASPITOOL_FAILED, missingDevice.status);
+  EXPECT_EQ("aspitool: INQUIRY of 3:0:0 failed: ASPI status 0x82 (no device)\n", missingDevice.err);
+}
+
+TEST_F(Aspitool, RefusesBadBlockRanges) {
+  fixture::BuildIdeAndScsiMachine(world);
+  Discover();
+  for (auto range : std::vector<std::pair<const char*, const char*>>{
+           {"0", "0"}, {"x", "1"}, {"1", "-1"}, {"4294967295", "2"}, {"4294967296", "1"}, {"+1", "1"}}) {
+    ToolRun run = Run({"read", "2:0:0", range.first, range.second});
+    EXPECT_EQ(ASPITOOL_USAGE, run.status) << range.first << " " << range.second;
+    EXPECT_EQ(0u, run.err.find("aspitool: bad block range")) << run.err;
+  }
+}
+
+TEST_F(Aspitool, ExplainsItselfAndEachCommand) {
+  ToolRun help = Run({"--help"});
+  EXPECT_EQ(ASPITOOL_OK, help.status);
+  for (const char* usage : {"usage: aspitool scan\n", "usage: aspitool inquiry A:T:L\n", "usage: aspitool toc A:T:L\n",
+                            "usage: aspitool read A:T:L LBA COUNT [FILE]\n"})
+    EXPECT_NE(std::string::npos, help.out.find(usage)) << usage;
+  for (auto arguments : {std::vector<const char*>{"read", "--help"}, {"help", "read"}, {"read", "0:0:0", "-h"}}) {
+    ToolRun run = arguments.size() == 2 ? Run({arguments[0], arguments[1]}) : Run({arguments[0], arguments[1], arguments[2]});
+    EXPECT_EQ(ASPITOOL_OK, run.status);
+    EXPECT_EQ(0u, run.out.find("usage: aspitool read A:T:L LBA COUNT [FILE]\n\nReads COUNT blocks")) << run.out;
+  }
+  ToolRun none = Run({});
+  EXPECT_EQ(ASPITOOL_USAGE, none.status);
+  EXPECT_NE(std::string::npos, none.err.find("usage: aspitool scan"));
+  ToolRun unknown = Run({"eject", "0:0:0"});
+  EXPECT_EQ(ASPITOOL_USAGE, unknown.status);
+  EXPECT_EQ("aspitool: unknown command \"eject\"; aspitool --help lists the commands\n", unknown.err);
+  ToolRun missing = Run({"toc"});
+  EXPECT_EQ(ASPITOOL_USAGE, missing.status);
+  EXPECT_EQ("usage: aspitool toc A:T:L\n", missing.err);
+  EXPECT_EQ(ASPITOOL_USAGE, Run({"scan", "extra"}).status);
+}
+
+TEST(AspitoolFailure, NamesStatusSenseKeyAndAdditionalSense) {
+  SRB_ExecSCSICmd srb = {};
+  srb.SRB_Status = SS_ERR;
+  srb.SRB_TargStat = 2;
+  srb.SenseArea[0] = 0xF0;  // valid bit and fixed format, current error
+  srb.SenseArea[2] = 0x02;
+  srb.SenseArea[12] = 0x3A;
+  srb.SenseArea[13] = 0x01;
+  EXPECT_EQ("ASPI status 0x04 (completed with error), sense key 0x2 (NOT READY), ASC/ASCQ 3A/01 (medium not present)\n",
+            Describe(srb));
+  srb.SenseArea[2] = 0x25;  // ILI bit beside key 5
+  srb.SenseArea[12] = 0x99;
+  srb.SenseArea[13] = 0x00;
+  EXPECT_EQ("ASPI status 0x04 (completed with error), sense key 0x5 (ILLEGAL REQUEST), ASC/ASCQ 99/00\n",
+            Describe(srb));
+}
+
+TEST(AspitoolFailure, FallsBackToTheTargetStatusWithoutSense) {
+  SRB_ExecSCSICmd srb = {};
+  srb.SRB_Status = SS_ERR;
+  srb.SRB_TargStat = 0x08;
+  EXPECT_EQ("ASPI status 0x04 (completed with error), target status 0x08 (BUSY)\n", Describe(srb));
+  srb.SRB_Status = SS_ASPI_IS_BUSY;
+  EXPECT_EQ("ASPI status 0xE5 (device busy)\n", Describe(srb));
+  srb.SRB_Status = SS_INVALID_CMD;
+  EXPECT_EQ("ASPI status 0x80 (invalid command)\n", Describe(srb));
+}
+
+}  // namespace

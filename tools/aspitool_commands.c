@@ -1,0 +1,472 @@
+/* aspitool's commands: scan, inquiry, toc and read, through ASPI exactly as
+ * an application uses it. */
+#include "tools/aspitool_commands.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define BLOCK_SIZE 2048u
+#define INQUIRY_LENGTH 96u
+#define TOC_LENGTH 804u /* header and 100 descriptors: the most a disc has */
+#define LUNS_PER_TARGET 8
+#define SENSE_LENGTH 16
+
+typedef struct {
+  unsigned char adapter, target, lun;
+} Address;
+
+typedef struct {
+  const char* name;
+  const char* arguments;
+  const char* help;
+  int minArguments, maxArguments;
+  int (*run)(char** arguments, int count, FILE* out, FILE* err);
+} Command;
+
+/* ---- Words for codes ---- */
+
+static const char* status_words(unsigned char status) {
+  switch (status) {
+    case SS_PENDING: return "still pending";
+    case SS_COMP: return "completed";
+    case SS_ERR: return "completed with error";
+    case SS_INVALID_CMD: return "invalid command";
+    case SS_NO_DEVICE: return "no device";
+    case SS_INVALID_SRB: return "invalid request block";
+    case SS_ASPI_IS_BUSY: return "device busy";
+    default: return "unknown status";
+  }
+}
+
+static const char* sense_key_words(unsigned key) {
+  static const char* const words[16] = {
+      "NO SENSE",        "RECOVERED ERROR", "NOT READY",       "MEDIUM ERROR",
+      "HARDWARE ERROR",  "ILLEGAL REQUEST", "UNIT ATTENTION",  "DATA PROTECT",
+      "BLANK CHECK",     "VENDOR SPECIFIC", "COPY ABORTED",    "ABORTED COMMAND",
+      "reserved",        "VOLUME OVERFLOW", "MISCOMPARE",      "reserved"};
+  return words[key & 0x0F];
+}
+
+/* The additional sense codes a CD/DVD drive gives most. */
+static const char* additional_sense_words(unsigned char asc, unsigned char ascq) {
+  switch (asc) {
+    case 0x04: return ascq == 0x01 ? "becoming ready" : "not ready";
+    case 0x11: return "unrecovered read error";
+    case 0x20: return "invalid command operation code";
+    case 0x21: return "logical block address out of range";
+    case 0x24: return "invalid field in CDB";
+    case 0x25: return "logical unit not supported";
+    case 0x28: return "medium may have changed";
+    case 0x29: return "power on or reset";
+    case 0x30: return "incompatible medium";
+    case 0x3A: return "medium not present";
+    case 0x64: return "illegal mode for this track";
+    case 0x6F: return "copy protection key exchange failure";
+    default: return NULL;
+  }
+}
+
+static const char* target_status_words(unsigned char status) {
+  switch (status) {
+    case 0x00: return "GOOD";
+    case 0x02: return "CHECK CONDITION";
+    case 0x08: return "BUSY";
+    case 0x18: return "RESERVATION CONFLICT";
+    case 0x28: return "TASK SET FULL";
+    default: return "unknown";
+  }
+}
+
+static const char* peripheral_type_words(unsigned type) {
+  switch (type) {
+    case 0x00: return "disk";
+    case 0x01: return "tape";
+    case 0x02: return "printer";
+    case 0x03: return "processor";
+    case 0x04: return "write-once";
+    case 0x05: return "CD/DVD";
+    case 0x06: return "scanner";
+    case 0x07: return "optical memory";
+    case 0x08: return "changer";
+    case 0x09: return "communications";
+    case 0x0C: return "storage array";
+    case 0x0D: return "enclosure";
+    case 0x0E: return "simplified disk";
+    case 0x0F: return "card reader";
+    default: return "unknown type";
+  }
+}
+
+void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb) {
+  const unsigned char* sense = srb->SenseArea;
+  fprintf(err, "ASPI status 0x%02X (%s)", srb->SRB_Status, status_words(srb->SRB_Status));
+  if (srb->SRB_Status != SS_ERR) {
+    fputc('\n', err);
+    return;
+  }
+  const unsigned responseCode = sense[0] & 0x7F;
+  if (responseCode == 0x70 || responseCode == 0x71) {
+    const char* words = additional_sense_words(sense[12], sense[13]);
+    fprintf(err, ", sense key 0x%X (%s), ASC/ASCQ %02X/%02X", sense[2] & 0x0F, sense_key_words(sense[2]), sense[12],
+            sense[13]);
+    if (words != NULL) fprintf(err, " (%s)", words);
+  } else {
+    fprintf(err, ", target status 0x%02X (%s)", srb->SRB_TargStat, target_status_words(srb->SRB_TargStat));
+  }
+  fputc('\n', err);
+}
+
+/* ---- Arguments ---- */
+
+/* A decimal number without sign or blanks, at most max. */
+static int parse_number(const char* text, unsigned long long max, unsigned long long* value) {
+  if (*text < '0' || *text > '9') return 0;
+  errno = 0;
+  char* end = NULL;
+  unsigned long long number = strtoull(text, &end, 10);
+  if (errno != 0 || *end != 0 || number > max) return 0;
+  *value = number;
+  return 1;
+}
+
+/* ADAPTER:TARGET:LUN, each 0 to 255. */
+static int parse_address(const char* text, Address* address) {
+  char copy[64];
+  if (strlen(text) >= sizeof copy) return 0;
+  strcpy(copy, text);
+  unsigned long long fields[3];
+  char* field = copy;
+  for (int i = 0; i < 3; ++i) {
+    char* colon = strchr(field, ':');
+    if ((colon == NULL) != (i == 2)) return 0;
+    if (colon != NULL) *colon = 0;
+    if (!parse_number(field, 255, &fields[i])) return 0;
+    field = colon + 1;
+  }
+  address->adapter = (unsigned char)fields[0];
+  address->target = (unsigned char)fields[1];
+  address->lun = (unsigned char)fields[2];
+  return 1;
+}
+
+static int adapter_count(void) { return (int)(GetASPI32SupportInfo() & 0xFF); }
+
+/* The address of a command, checked against the adapters ASPI reports. */
+static int take_address(const char* text, Address* address, FILE* err) {
+  if (!parse_address(text, address)) {
+    fprintf(err, "aspitool: bad device address \"%s\": expected ADAPTER:TARGET:LUN, each 0 to 255\n", text);
+    return ASPITOOL_USAGE;
+  }
+  const int count = adapter_count();
+  if (address->adapter >= count) {
+    fprintf(err, "aspitool: no host adapter %u: the library found %d\n", address->adapter, count);
+    return ASPITOOL_FAILED;
+  }
+  return ASPITOOL_OK;
+}
+
+/* ---- Requests ---- */
+
+static void inquire_adapter(int adapter, SRB_HAInquiry* inquiry) {
+  memset(inquiry, 0, sizeof *inquiry);
+  inquiry->SRB_Cmd = SC_HA_INQUIRY;
+  inquiry->SRB_HaId = (unsigned char)adapter;
+  SendASPI32Command(inquiry);
+}
+
+/* Runs one command with data in; the request has completed on return. */
+static unsigned char execute_in(const Address* address, const unsigned char* cdb, unsigned char cdbLength,
+                                unsigned char* buffer, unsigned int length, SRB_ExecSCSICmd* srb) {
+  memset(srb, 0, sizeof *srb);
+  memset(buffer, 0, length);
+  srb->SRB_Cmd = SC_EXEC_SCSI_CMD;
+  srb->SRB_HaId = address->adapter;
+  srb->SRB_Target = address->target;
+  srb->SRB_Lun = address->lun;
+  srb->SRB_Flags = SRB_DIR_IN;
+  srb->SRB_BufLen = length;
+  srb->SRB_BufPointer = buffer;
+  srb->SRB_SenseLen = SENSE_LENGTH;
+  srb->SRB_CDBLen = cdbLength;
+  memcpy(srb->CDBByte, cdb, cdbLength);
+  SendASPI32Command(srb);
+  return srb->SRB_Status;
+}
+
+static unsigned char inquire_device(const Address* address, unsigned char* data, SRB_ExecSCSICmd* srb) {
+  const unsigned char cdb[6] = {0x12, 0, 0, 0, INQUIRY_LENGTH, 0};
+  return execute_in(address, cdb, sizeof cdb, data, INQUIRY_LENGTH, srb);
+}
+
+static int report_failure(FILE* err, const char* what, const Address* address, const SRB_ExecSCSICmd* srb) {
+  fprintf(err, "aspitool: %s of %u:%u:%u failed: ", what, address->adapter, address->target, address->lun);
+  aspitool_describe_failure(err, srb);
+  return ASPITOOL_FAILED;
+}
+
+/* ---- Formatting ---- */
+
+/* An INQUIRY text field without trailing blanks, unprintable bytes as '?'. */
+static void copy_text(char* text, const unsigned char* field, size_t width) {
+  size_t length = 0;
+  for (size_t i = 0; i < width; ++i) text[length++] = field[i] >= 0x20 && field[i] < 0x7F ? (char)field[i] : '?';
+  while (length > 0 && text[length - 1] == ' ') --length;
+  text[length] = 0;
+}
+
+static unsigned long be32(const unsigned char* bytes) {
+  return ((unsigned long)bytes[0] << 24) | ((unsigned long)bytes[1] << 16) | ((unsigned long)bytes[2] << 8) | bytes[3];
+}
+
+static void print_device_line(FILE* out, const Address* address, const unsigned char* data) {
+  char vendor[9], product[17], revision[5];
+  copy_text(vendor, data + 8, 8);
+  copy_text(product, data + 16, 16);
+  copy_text(revision, data + 32, 4);
+  fprintf(out, "  %u:%u:%u  %-14s  %-8s  %-16s  %s\n", address->adapter, address->target, address->lun,
+          peripheral_type_words(data[0] & 0x1F), vendor, product, revision);
+}
+
+/* ---- Commands ---- */
+
+/* The devices at one adapter; returns how many answered. */
+static int scan_adapter(int adapter, int targets, FILE* out) {
+  int found = 0;
+  for (int target = 0; target < targets; ++target) {
+    for (int lun = 0; lun < LUNS_PER_TARGET; ++lun) {
+      const Address address = {(unsigned char)adapter, (unsigned char)target, (unsigned char)lun};
+      unsigned char data[INQUIRY_LENGTH];
+      SRB_ExecSCSICmd srb;
+      const unsigned char status = inquire_device(&address, data, &srb);
+      if (status == SS_NO_DEVICE) continue;
+      if (status == SS_COMP && (data[0] >> 5) == 3) continue; /* qualifier 3: no unit at this LUN */
+      ++found;
+      if (status == SS_COMP) {
+        print_device_line(out, &address, data);
+      } else {
+        fprintf(out, "  %u:%u:%u  INQUIRY failed: ", address.adapter, address.target, address.lun);
+        aspitool_describe_failure(out, &srb);
+      }
+    }
+  }
+  return found;
+}
+
+static int run_scan(char** arguments, int count, FILE* out, FILE* err) {
+  (void)arguments, (void)count, (void)err;
+  const int adapters = adapter_count();
+  if (adapters == 0) {
+    fprintf(out, "No host adapters found: the library reaches no CD/DVD drive on this machine.\n");
+    return ASPITOOL_OK;
+  }
+  fprintf(out, "%d host adapter%s\n", adapters, adapters == 1 ? "" : "s");
+  for (int adapter = 0; adapter < adapters; ++adapter) {
+    SRB_HAInquiry inquiry;
+    char name[17];
+    inquire_adapter(adapter, &inquiry);
+    memcpy(name, inquiry.HA_Identifier, 16);
+    name[16] = 0;
+    fprintf(out, "adapter %d: %s\n", adapter, name);
+    const int targets = inquiry.HA_Unique[3] != 0 ? inquiry.HA_Unique[3] : 8;
+    if (scan_adapter(adapter, targets, out) == 0) fprintf(out, "  no devices\n");
+  }
+  return ASPITOOL_OK;
+}
+
+static int run_inquiry(char** arguments, int count, FILE* out, FILE* err) {
+  (void)count;
+  Address address;
+  const int checked = take_address(arguments[0], &address, err);
+  if (checked != ASPITOOL_OK) return checked;
+  unsigned char data[INQUIRY_LENGTH];
+  SRB_ExecSCSICmd srb;
+  if (inquire_device(&address, data, &srb) != SS_COMP) return report_failure(err, "INQUIRY", &address, &srb);
+  char vendor[9], product[17], revision[5];
+  copy_text(vendor, data + 8, 8);
+  copy_text(product, data + 16, 16);
+  copy_text(revision, data + 32, 4);
+  fprintf(out, "device %u:%u:%u\n", address.adapter, address.target, address.lun);
+  fprintf(out, "  peripheral type   %u (%s)\n", data[0] & 0x1Fu, peripheral_type_words(data[0] & 0x1F));
+  fprintf(out, "  qualifier         %u\n", data[0] >> 5);
+  fprintf(out, "  removable medium  %s\n", data[1] & 0x80 ? "yes" : "no");
+  fprintf(out, "  ANSI version      %u\n", data[2] & 0x07u);
+  fprintf(out, "  vendor            %s\n", vendor);
+  fprintf(out, "  product           %s\n", product);
+  fprintf(out, "  revision          %s\n", revision);
+  return ASPITOOL_OK;
+}
+
+static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
+  (void)count;
+  Address address;
+  const int checked = take_address(arguments[0], &address, err);
+  if (checked != ASPITOOL_OK) return checked;
+  static unsigned char toc[TOC_LENGTH];
+  const unsigned char cdb[10] = {0x43, 0, 0, 0, 0, 0, 0, TOC_LENGTH >> 8, TOC_LENGTH & 0xFF, 0};
+  SRB_ExecSCSICmd srb;
+  if (execute_in(&address, cdb, sizeof cdb, toc, TOC_LENGTH, &srb) != SS_COMP)
+    return report_failure(err, "READ TOC", &address, &srb);
+  unsigned int length = ((unsigned)toc[0] << 8 | toc[1]) + 2u;
+  if (length > TOC_LENGTH) length = TOC_LENGTH;
+  if (length < 4) {
+    fprintf(err, "aspitool: READ TOC of %u:%u:%u returned no table\n", address.adapter, address.target, address.lun);
+    return ASPITOOL_FAILED;
+  }
+  fprintf(out, "tracks %u to %u\n", toc[2], toc[3]);
+  for (unsigned int offset = 4; offset + 8 <= length; offset += 8) {
+    const unsigned char* descriptor = toc + offset;
+    const unsigned long start = be32(descriptor + 4);
+    if (descriptor[2] == 0xAA)
+      fprintf(out, "  lead-out        LBA %lu\n", start);
+    else
+      fprintf(out, "  track %3u  %-5s LBA %lu\n", descriptor[2], descriptor[1] & 0x04 ? "data" : "audio", start);
+  }
+  return ASPITOOL_OK;
+}
+
+/* Blocks per READ(10): the adapter's largest transfer, at least one. */
+static unsigned int blocks_per_request(int adapter) {
+  SRB_HAInquiry inquiry;
+  inquire_adapter(adapter, &inquiry);
+  const unsigned char* limit = inquiry.HA_Unique + 4;
+  const unsigned long bytes = limit[0] | (unsigned long)limit[1] << 8 | (unsigned long)limit[2] << 16 |
+                              (unsigned long)limit[3] << 24;
+  const unsigned long blocks = bytes / BLOCK_SIZE;
+  return blocks == 0 ? 1u : blocks > 0xFFFFu ? 0xFFFFu : (unsigned int)blocks;
+}
+
+static int read_blocks(const Address* address, unsigned long long lba, unsigned long long count, FILE* sink,
+                       FILE* err) {
+  const unsigned int chunk = blocks_per_request(address->adapter);
+  unsigned char* buffer = malloc((size_t)chunk * BLOCK_SIZE);
+  if (buffer == NULL) {
+    fprintf(err, "aspitool: out of memory\n");
+    return ASPITOOL_FAILED;
+  }
+  int result = ASPITOOL_OK;
+  while (count > 0 && result == ASPITOOL_OK) {
+    const unsigned int blocks = count < chunk ? (unsigned int)count : chunk;
+    const unsigned char cdb[10] = {0x28, 0, (unsigned char)(lba >> 24), (unsigned char)(lba >> 16),
+                                   (unsigned char)(lba >> 8), (unsigned char)lba, 0, (unsigned char)(blocks >> 8),
+                                   (unsigned char)blocks, 0};
+    SRB_ExecSCSICmd srb;
+    if (execute_in(address, cdb, sizeof cdb, buffer, blocks * BLOCK_SIZE, &srb) != SS_COMP) {
+      fprintf(err, "aspitool: READ(10) of %u:%u:%u at LBA %llu failed: ", address->adapter, address->target,
+              address->lun, lba);
+      aspitool_describe_failure(err, &srb);
+      result = ASPITOOL_FAILED;
+    } else if (fwrite(buffer, BLOCK_SIZE, blocks, sink) != blocks) {
+      fprintf(err, "aspitool: cannot write the data: %s\n", strerror(errno));
+      result = ASPITOOL_FAILED;
+    }
+    lba += blocks;
+    count -= blocks;
+  }
+  free(buffer);
+  return result;
+}
+
+static int run_read(char** arguments, int count, FILE* out, FILE* err) {
+  Address address;
+  unsigned long long lba, blocks;
+  if (!parse_number(arguments[1], 0xFFFFFFFFull, &lba) || !parse_number(arguments[2], 0xFFFFFFFFull, &blocks) ||
+      blocks == 0 || lba + blocks > 0x100000000ull) {
+    fprintf(err, "aspitool: bad block range \"%s %s\": LBA and COUNT are decimal, COUNT at least 1, "
+            "and the range must end within 2^32 blocks\n", arguments[1], arguments[2]);
+    return ASPITOOL_USAGE;
+  }
+  const int checked = take_address(arguments[0], &address, err);
+  if (checked != ASPITOOL_OK) return checked;
+  if (count < 4) return read_blocks(&address, lba, blocks, out, err);
+  FILE* file = fopen(arguments[3], "wb");
+  if (file == NULL) {
+    fprintf(err, "aspitool: cannot open \"%s\" for writing: %s\n", arguments[3], strerror(errno));
+    return ASPITOOL_FAILED;
+  }
+  int result = read_blocks(&address, lba, blocks, file, err);
+  if (fclose(file) != 0 && result == ASPITOOL_OK) {
+    fprintf(err, "aspitool: cannot write \"%s\": %s\n", arguments[3], strerror(errno));
+    result = ASPITOOL_FAILED;
+  }
+  if (result == ASPITOOL_OK)
+    fprintf(out, "%llu blocks (%llu bytes) from LBA %llu written to %s\n", blocks, blocks * BLOCK_SIZE, lba,
+            arguments[3]);
+  return result;
+}
+
+/* ---- Command line ---- */
+
+static const Command commands[] = {
+    {"scan", "",
+     "Lists every host adapter the library reports, with its number and name,\n"
+     "and every device at each adapter, target and LUN with its type, vendor,\n"
+     "product and revision from INQUIRY.", 0, 0, run_scan},
+    {"inquiry", "A:T:L", "Shows the INQUIRY data of the device at adapter A, target T, LUN L.", 1, 1, run_inquiry},
+    {"toc", "A:T:L",
+     "Shows the table of contents of the disc in the drive at A:T:L (READ TOC,\n"
+     "format 0): each track's number, kind and start address, and the lead-out.", 1, 1, run_toc},
+    {"read", "A:T:L LBA COUNT [FILE]",
+     "Reads COUNT blocks of 2048 bytes from the drive at A:T:L, starting at\n"
+     "block LBA (READ(10)), and writes them to FILE, or to standard output\n"
+     "without one.", 3, 4, run_read},
+};
+static const int commandCount = (int)(sizeof commands / sizeof commands[0]);
+
+static void print_command_usage(FILE* stream, const Command* command) {
+  fprintf(stream, "usage: aspitool %s%s%s\n", command->name, command->arguments[0] ? " " : "", command->arguments);
+}
+
+static void print_help(FILE* out) {
+  fprintf(out, "aspitool: the CD/DVD drives this machine offers through ASPI.\n\n");
+  for (int i = 0; i < commandCount; ++i) print_command_usage(out, &commands[i]);
+  fprintf(out, "\nA:T:L is an ASPI device address: host adapter, target and LUN, as scan\n"
+               "lists them. aspitool COMMAND --help explains a command.\n"
+               "Exit status: 0 done, 1 a device or command failed, 2 bad arguments.\n");
+}
+
+static void print_command_help(FILE* out, const Command* command) {
+  print_command_usage(out, command);
+  fprintf(out, "\n%s\n", command->help);
+}
+
+static const Command* find_command(const char* name) {
+  for (int i = 0; i < commandCount; ++i)
+    if (strcmp(commands[i].name, name) == 0) return &commands[i];
+  return NULL;
+}
+
+static int is_help(const char* argument) {
+  return strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0 || strcmp(argument, "help") == 0;
+}
+
+int aspitool_main(int argc, char** argv, FILE* out, FILE* err) {
+  if (argc < 2) {
+    print_help(err);
+    return ASPITOOL_USAGE;
+  }
+  if (is_help(argv[1]) && argc == 2) {
+    print_help(out);
+    return ASPITOOL_OK;
+  }
+  /* "aspitool help read" and "aspitool read --help" both explain read. */
+  const int helpFirst = is_help(argv[1]);
+  const Command* command = find_command(argv[helpFirst ? 2 : 1]);
+  if (command == NULL) {
+    fprintf(err, "aspitool: unknown command \"%s\"; aspitool --help lists the commands\n", argv[helpFirst ? 2 : 1]);
+    return ASPITOOL_USAGE;
+  }
+  char** arguments = argv + (helpFirst ? 3 : 2);
+  const int count = argc - (helpFirst ? 3 : 2);
+  int showHelp = helpFirst;
+  for (int i = 0; i < count; ++i) showHelp |= strcmp(arguments[i], "--help") == 0 || strcmp(arguments[i], "-h") == 0;
+  if (showHelp) {
+    print_command_help(out, command);
+    return ASPITOOL_OK;
+  }
+  if (count < command->minArguments || count > command->maxArguments) {
+    print_command_usage(err, command);
+    return ASPITOOL_USAGE;
+  }
+  return command->run(arguments, count, out, err);
+}
