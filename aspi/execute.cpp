@@ -1,7 +1,248 @@
+// One execute request from start to finish: direction corrections, the
+// descriptor, the exchange over the generic driver or the IDE packet ioctl,
+// data, sense and status back into the block, and the completion.
 #include "aspi/execute_internal.h"
 
-#include "device/registry_internal.h"
+#include <errno.h>
+#include <linux/cdrom.h>
+#include <scsi/sg.h>
+#include <string.h>
+
+#include <vector>
+
+#include "device/open.h"
+#include "device/registry.h"
+#include "device/transport.h"
+#include "runtime/os.h"
 #include "runtime/sync.h"
+
+namespace {
+
+const unsigned int kHeaderLength = sizeof(sg_header);
+const unsigned int kMaxCdbLength = sizeof(SRB_ExecSCSICmd::CDBByte);
+const unsigned int kMaxHeaderSense = SG_MAX_SENSE;
+const unsigned int kIdeSenseLength = 64;
+const unsigned char kDirectionIn = 1, kDirectionOut = 2;
+const unsigned char kCheckCondition = 0x02;
+const unsigned char kTargetStatusMask = 0x3E;  // target_status, shifted back into place
+const unsigned char kAnsiVersionMask = 0x07;
+
+const unsigned char kInquiry = 0x12;
+const unsigned char kModeSense10 = 0x5A;
+const unsigned char kReportKey = 0xA4;
+const unsigned char kReadDvdStructure = 0xAD;
+const unsigned char kSendKey = 0xA3;
+
+struct DeviceAddress {
+  int host, channel, target, lun;
+};
+
+DeviceAddress AddressOf(const SRB_ExecSCSICmd* srb) {
+  const unsigned int hostAndChannel = ASPI_GetHCforController(srb->SRB_HaId);
+  return {static_cast<int>(hostAndChannel >> 16), static_cast<int>(hostAndChannel & 0xFFFF), srb->SRB_Target,
+          srb->SRB_Lun};
+}
+
+// Re-read at every use, so that it includes the corrections.
+unsigned char DirectionOf(const SRB_ExecSCSICmd* srb) { return (srb->SRB_Flags >> 3) & 3; }
+
+// Applications often leave the direction to the command; these commands
+// always move data one way. Only the missing bit is added.
+void CorrectDirection(SRB_ExecSCSICmd* srb) {
+  switch (srb->CDBByte[0]) {
+    case kInquiry:
+    case kModeSense10:
+    case kReportKey:
+    case kReadDvdStructure:
+      if (DirectionOf(srb) != kDirectionIn) srb->SRB_Flags |= SRB_DIR_IN;
+      break;
+    case kSendKey:
+      if (DirectionOf(srb) != kDirectionOut) srb->SRB_Flags |= SRB_DIR_OUT;
+      break;
+    default:
+      break;
+  }
+}
+
+// The descriptor of the request: the cached one of a drive held exclusively,
+// or one opened for this request alone and closed by it.
+class RequestDescriptor {
+ public:
+  explicit RequestDescriptor(const DeviceAddress& device) {
+    fd_ = SCSI_GetDeviceFileDesc(device.host, device.channel, device.target, device.lun);
+    if (fd_ != -1) return;
+    fd_ = SCSI_OpenDevice(device.host, device.channel, device.target, device.lun, 0, nullptr);
+    owned_ = fd_ != -1;
+  }
+  ~RequestDescriptor() { Release(); }
+  RequestDescriptor(const RequestDescriptor&) = delete;
+  RequestDescriptor& operator=(const RequestDescriptor&) = delete;
+
+  bool IsOpen() const { return fd_ != -1; }
+  int fd() const { return fd_; }
+  void Release() {
+    if (owned_) kavo::os::Close(fd_);
+    owned_ = false;
+  }
+
+ private:
+  int fd_ = -1;
+  bool owned_ = false;
+};
+
+// Holds the device's lock for one exchange. A device that left the registry
+// after the request opened it has no lock any more; Held() is false then.
+class DeviceLockHold {
+ public:
+  explicit DeviceLockHold(const DeviceAddress& device)
+      : device_(device), held_(SCSI_LockDevice(device.host, device.channel, device.target, device.lun) == 1) {}
+  ~DeviceLockHold() {
+    if (held_) SCSI_UnlockDevice(device_.host, device_.channel, device_.target, device_.lun);
+  }
+  DeviceLockHold(const DeviceLockHold&) = delete;
+  DeviceLockHold& operator=(const DeviceLockHold&) = delete;
+  bool Held() const { return held_; }
+
+ private:
+  DeviceAddress device_;
+  bool held_;
+};
+
+// A data phase with no buffer to move it through is refused before any
+// memory is touched.
+bool LacksDataBuffer(const SRB_ExecSCSICmd* srb, bool hasDataPhase) {
+  return hasDataPhase && srb->SRB_BufLen != 0 && srb->SRB_BufPointer == nullptr;
+}
+
+// Lengths above what a 32-bit size can carry together with the header and
+// the command are refused rather than wrapped.
+bool DataLengthOverflows(const SRB_ExecSCSICmd* srb) {
+  return srb->SRB_BufLen > 0xFFFFFFFFu - kHeaderLength - kMaxCdbLength;
+}
+
+// Builds the request and reply, exchanges them under the device's lock and
+// copies data and sense out. The buffers live only inside this call, so
+// they are freed before the request is posted.
+unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& device, RequestDescriptor& descriptor) {
+  const unsigned char direction = DirectionOf(srb);
+  const unsigned int cdbLength = srb->SRB_CDBLen;
+  const unsigned int dataOut = direction == kDirectionOut ? srb->SRB_BufLen : 0;
+  const unsigned int dataIn = direction == kDirectionIn ? srb->SRB_BufLen : 0;
+
+  std::vector<unsigned char> request(kHeaderLength + cdbLength + dataOut, 0);
+  memcpy(&request[kHeaderLength], srb->CDBByte, cdbLength);
+  if (dataOut != 0) memcpy(&request[kHeaderLength + cdbLength], srb->SRB_BufPointer, dataOut);
+  std::vector<unsigned char> reply(kHeaderLength + dataIn, 0);
+  sg_header* requestHeader = reinterpret_cast<sg_header*>(request.data());
+  sg_header* replyHeader = reinterpret_cast<sg_header*>(reply.data());
+  requestHeader->reply_len = static_cast<int>(reply.size());
+
+  int exchanged = 0;
+  {
+    DeviceLockHold lock(device);
+    if (!lock.Held()) return SS_NO_DEVICE;
+    unsigned int bytesRead = 0;
+    SCSI_Fix_CMD_LEN(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
+    exchanged = SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, static_cast<unsigned int>(request.size()),
+                                   replyHeader, static_cast<unsigned int>(reply.size()), &bytesRead);
+  }
+  descriptor.Release();
+
+  if (exchanged == 0) return SS_ERR;
+  if (replyHeader->result != 0) return replyHeader->result == EBUSY ? SS_ASPI_IS_BUSY : SS_ERR;
+
+  if (dataIn != 0) {
+    memcpy(srb->SRB_BufPointer, &reply[kHeaderLength], dataIn);
+    // A drive behind an emulated host reports ANSI version 0, as it would
+    // on a plain ATAPI bus.
+    if (srb->CDBByte[0] == kInquiry && dataIn >= 3 && (srb->SRB_BufPointer[2] & kAnsiVersionMask) != 0 &&
+        IsRealScsiAdapter(device.host) == 0)
+      srb->SRB_BufPointer[2] &= static_cast<unsigned char>(~kAnsiVersionMask);
+  }
+  if (srb->SRB_SenseLen != 0)
+    memcpy(srb->SenseArea, replyHeader->sense_buffer,
+           srb->SRB_SenseLen < kMaxHeaderSense ? srb->SRB_SenseLen : kMaxHeaderSense);
+  srb->SRB_HaStat = HASTAT_OK;
+  srb->SRB_TargStat = reply[16] & kTargetStatusMask;
+  return SS_PENDING;  // the exchange itself went through; the target decides
+}
+
+// Fixed-format sense of a current error overrides the target status with
+// its sense key. SEND KEY and REPORT KEY complete whatever the target said.
+unsigned char StatusFromTarget(SRB_ExecSCSICmd* srb) {
+  if ((srb->SenseArea[0] & 0x7F) == 0x70) srb->SRB_TargStat = srb->SenseArea[2] & 0x0F;
+  if (srb->SRB_TargStat == 0) return SS_COMP;
+  if (srb->CDBByte[0] == kSendKey || srb->CDBByte[0] == kReportKey) {
+    srb->SRB_TargStat = 0;
+    return SS_COMP;
+  }
+  return SS_ERR;
+}
+
+unsigned char ExecuteOnGenericNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device) {
+  CorrectDirection(srb);
+  RequestDescriptor descriptor(device);
+  if (!descriptor.IsOpen()) return SS_NO_DEVICE;
+  srb->SRB_Status = SS_PENDING;
+  // The block holds at most 16 command bytes; the driver takes no more.
+  const unsigned char direction = DirectionOf(srb);
+  const bool hasDataPhase = direction == kDirectionIn || direction == kDirectionOut;
+  if (srb->SRB_CDBLen == 0 || srb->SRB_CDBLen > kMaxCdbLength || LacksDataBuffer(srb, hasDataPhase) ||
+      (hasDataPhase && DataLengthOverflows(srb)))
+    return SS_INVALID_SRB;
+  const unsigned char transportStatus = RunGenericExchange(srb, device, descriptor);
+  if (transportStatus != SS_PENDING) return transportStatus;
+  return StatusFromTarget(srb);
+}
+
+unsigned char IdeDataDirection(const SRB_ExecSCSICmd* srb) {
+  if (srb->SRB_Flags & SRB_DIR_IN) return CGC_DATA_READ;
+  if (srb->SRB_Flags & SRB_DIR_OUT) return CGC_DATA_WRITE;
+  return CGC_DATA_NONE;
+}
+
+// The additional-sense-length byte tells the driver how much sense the
+// caller wants beyond the first eight bytes.
+unsigned char IdeSenseLengthByte(unsigned char senseLength) {
+  return senseLength <= kIdeSenseLength ? static_cast<unsigned char>(senseLength - 8) : kIdeSenseLength - 8;
+}
+
+unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device) {
+  unsigned char sense[kIdeSenseLength];
+  cdrom_generic_command packet;
+  memset(sense, 0, sizeof sense);
+  memset(&packet, 0, sizeof packet);
+  if (srb->SRB_CDBLen > CDROM_PACKET_SIZE) return SS_INVALID_CMD;
+  memcpy(packet.cmd, srb->CDBByte, CDROM_PACKET_SIZE);
+  packet.buffer = srb->SRB_BufPointer;
+  packet.buflen = srb->SRB_BufLen;
+  packet.stat = 0;
+  packet.sense = reinterpret_cast<struct request_sense*>(sense);
+  packet.data_direction = IdeDataDirection(srb);
+  packet.quiet = 1;
+  packet.timeout = -1;
+  sense[7] = IdeSenseLengthByte(srb->SRB_SenseLen);
+
+  RequestDescriptor descriptor(device);
+  if (!descriptor.IsOpen()) return SS_NO_DEVICE;
+  if (LacksDataBuffer(srb, packet.data_direction != CGC_DATA_NONE)) return SS_INVALID_SRB;
+  int result = 0;
+  {
+    DeviceLockHold lock(device);
+    if (!lock.Held()) return SS_NO_DEVICE;
+    result = kavo::os::Ioctl(descriptor.fd(), CDROM_SEND_PACKET, &packet);
+  }
+  descriptor.Release();
+  if (result == 0) {
+    srb->SRB_HaStat = HASTAT_OK;
+    return SS_COMP;
+  }
+  srb->SRB_TargStat = kCheckCondition;
+  memcpy(srb->SenseArea, sense, srb->SRB_SenseLen < kIdeSenseLength ? srb->SRB_SenseLen : kIdeSenseLength);
+  return SS_ERR;
+}
+
+}  // namespace
 
 void ASPI_PostSRB(SRB_ExecSCSICmd* srb, unsigned char status) {
   if (status == SS_PENDING) return;
@@ -14,9 +255,12 @@ void ASPI_PostSRB(SRB_ExecSCSICmd* srb, unsigned char status) {
   }
 }
 
-// The command path arrives with the SG transport and the device open; until
-// then every device is unknown to it.
+// Each path returns its final status with its buffers freed and its own
+// descriptor closed; the one post happens here.
 unsigned int ASPI_ExecuteSRB(SRB_ExecSCSICmd* srb) {
-  ASPI_PostSRB(srb, SS_NO_DEVICE);
+  const DeviceAddress device = AddressOf(srb);
+  const unsigned char status =
+      IsIDEAdapter(srb->SRB_HaId) ? ExecuteOnIdeNode(srb, device) : ExecuteOnGenericNode(srb, device);
+  ASPI_PostSRB(srb, status);
   return SS_PENDING;
 }
