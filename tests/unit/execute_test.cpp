@@ -106,13 +106,11 @@ TEST_F(ExecuteTest, UnknownDeviceWritesOnlyTheStatusAndADirectionCorrection) {
   ASPI_ExecuteSRB(&ide);
   EXPECT_EQ(SS_NO_DEVICE, ide.SRB_Status);
   EXPECT_EQ(0, ide.SRB_Flags);  // no corrections on the IDE path
-}
 
-TEST_F(ExecuteTest, NodeThatCannotBeOpenedIsNoDevice) {
   world_.FailOpen("/dev/sg0", ENOENT);
-  SRB_ExecSCSICmd srb = Block(kScsiAdapter, TestUnitReady());
-  ASPI_ExecuteSRB(&srb);
-  EXPECT_EQ(SS_NO_DEVICE, srb.SRB_Status);
+  SRB_ExecSCSICmd unopenable = Block(kScsiAdapter, TestUnitReady());
+  ASPI_ExecuteSRB(&unopenable);
+  EXPECT_EQ(SS_NO_DEVICE, unopenable.SRB_Status);
 }
 
 TEST_F(ExecuteTest, MalformedGenericRequestsAreRefusedBeforeTheDrive) {
@@ -130,13 +128,6 @@ TEST_F(ExecuteTest, MalformedGenericRequestsAreRefusedBeforeTheDrive) {
   EXPECT_TRUE(sg_->drive().Commands().empty());
   EXPECT_TRUE(DataUntouched());
   EXPECT_EQ(0, world_.OpenDescriptorCount());
-}
-
-TEST_F(ExecuteTest, NullBufferWithoutADataPhaseIsAccepted) {
-  SRB_ExecSCSICmd srb = Block(kScsiAdapter, Read10(1), 0, EmulatedDrive::kBlockSize);
-  srb.SRB_BufPointer = nullptr;
-  ASPI_ExecuteSRB(&srb);
-  EXPECT_EQ(SS_COMP, srb.SRB_Status);
 }
 
 TEST_F(ExecuteTest, TransportFailuresLeaveTheResultFieldsAlone) {
@@ -185,22 +176,20 @@ TEST_F(ExecuteTest, SenseKeyDecidesTheTargetStatus) {
   }
 }
 
-TEST_F(ExecuteTest, CheckConditionWithoutSenseWantedReportsTheStatusByte) {
+TEST_F(ExecuteTest, WithoutSenseWantedTheBlocksOwnSenseAreaIsJudged) {
   sg_->drive().FailNextWithSense(0x02, 0x3A, 0);
-  SRB_ExecSCSICmd srb = Block(kScsiAdapter, TestUnitReady());
-  srb.SenseArea[0] = 0;
-  ASPI_ExecuteSRB(&srb);
-  EXPECT_EQ(SS_ERR, srb.SRB_Status);
-  EXPECT_EQ(0x02, srb.SRB_TargStat);
-}
+  SRB_ExecSCSICmd check = Block(kScsiAdapter, TestUnitReady());
+  check.SenseArea[0] = 0;
+  ASPI_ExecuteSRB(&check);
+  EXPECT_EQ(SS_ERR, check.SRB_Status);
+  EXPECT_EQ(0x02, check.SRB_TargStat);  // the status byte itself
 
-TEST_F(ExecuteTest, SenseLeftInTheBlockByTheCallerOverridesAGoodStatus) {
-  SRB_ExecSCSICmd srb = Block(kScsiAdapter, TestUnitReady());
-  srb.SenseArea[0] = 0xF0;  // valid bit set, current error
-  srb.SenseArea[2] = 0x02;
-  ASPI_ExecuteSRB(&srb);
-  EXPECT_EQ(SS_ERR, srb.SRB_Status);
-  EXPECT_EQ(0x02, srb.SRB_TargStat);
+  SRB_ExecSCSICmd good = Block(kScsiAdapter, TestUnitReady());
+  good.SenseArea[0] = 0xF0;  // left by the caller: valid bit, current error
+  good.SenseArea[2] = 0x02;
+  ASPI_ExecuteSRB(&good);
+  EXPECT_EQ(SS_ERR, good.SRB_Status);
+  EXPECT_EQ(0x02, good.SRB_TargStat);
 }
 
 TEST_F(ExecuteTest, IdePacketFailureReportsCheckConditionWithSense) {
@@ -249,6 +238,8 @@ TEST_F(ExecuteTest, IdeRefusesCommandsLongerThanTwelveAndSendsTwelveForLengthZer
 }
 
 TEST_F(ExecuteTest, DeviceThatVanishesAfterItsOpenEndsAsNoDevice) {
+  // The open of the node is the last step before the request locks the
+  // device; removing the record there stands in for a rescan in between.
   sg_->onOpen = [] {
     DevicesMapHold hold;
     auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsiAdapter, 0, 1, 0));
@@ -289,6 +280,9 @@ TEST_F(ExecuteTest, ReadWithoutDirectionHasNoDataPhase) {
   EXPECT_EQ(SS_COMP, srb.SRB_Status);
   EXPECT_EQ(0u, sg_->drive().Commands()[0].dataInLength);
   EXPECT_TRUE(DataUntouched());
+  srb.SRB_BufPointer = nullptr;  // no data phase, so no buffer is needed
+  ASPI_ExecuteSRB(&srb);
+  EXPECT_EQ(SS_COMP, srb.SRB_Status);
 }
 
 TEST_F(ExecuteTest, ReadWithDirectionInDeliversTheDiscData) {
