@@ -65,8 +65,8 @@ void MakeBlockNodeName(char* path, int n) {
   if (kavo::os::Access(path, F_OK) != 0) snprintf(path, kDeviceNodePathSize, "/dev/sr%d", n);
 }
 
-// Whether OpenedDevicesMap is empty. Only tried: a set of exclusive mode
-// holds it while waiting for RescanLock, which the caller holds.
+// Whether OpenedDevicesMap is empty. Only tried: the caller holds
+// RescanLock and must not wait for a map lock meanwhile.
 bool TryNoExclusiveHolds(bool* empty) {
   if (OpenedDevicesMapLock.Lock(0) != 1) return false;
   *empty = OpenedDevicesMap.empty();
@@ -139,8 +139,10 @@ void SCSI_BuildRegistry() {
 // SCSI_OpenDevice waits for that lock, so an application holding one drive
 // and opening another on the same thread would never get to release its
 // hold. Each attempt takes RescanLock, then only tries DevicesMapLock and
-// OpenedDevicesMapLock, because a set of exclusive mode takes those two
-// before it waits for RescanLock. Holding DevicesMapLock across the rebuild
+// OpenedDevicesMapLock, so the rescan never sits on RescanLock waiting for a
+// map lock. Every other path, exclusive mode's set included, takes RescanLock
+// before the map locks, so the order is one throughout and the tries are a
+// second guard against a cycle. Holding DevicesMapLock across the rebuild
 // keeps a new hold from starting between the check and the purge; the passes
 // then wait for HostAdaptersMapLock inside it, which is safe because no
 // thread waits for DevicesMapLock while it holds HostAdaptersMapLock. The wait

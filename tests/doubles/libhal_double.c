@@ -40,7 +40,7 @@ typedef struct LibHalContext {
 } LibHalContext;
 
 #define MAX_DEVICES 16
-#define MAX_SENT_CALLS 256
+#define MAX_SENT_CALLS 1024
 
 static const char* const kFunctions[] = {
     "dbus_bus_get", "dbus_connection_send_with_reply_and_block", "dbus_error_init", "dbus_error_free",

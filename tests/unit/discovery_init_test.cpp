@@ -139,9 +139,11 @@ TEST_F(Discovery, RescanWaitEndsWhenTheMonitorIsToldToStop) {
   ReleaseAllHolds();
 }
 
-// A set of exclusive mode takes the two map locks and then waits for
-// RescanLock. Here a rescan and such a set both wait for RescanLock while a
-// device open holds it; whichever gets it next, both must finish.
+// The rescan only tries the map locks while it holds RescanLock, so even a
+// thread that takes them out of order (both map locks, then RescanLock)
+// cannot deadlock with it. Here a rescan and such a thread both wait for
+// RescanLock while a device open holds it; whichever gets it next, both must
+// finish.
 TEST_F(Discovery, RescanAndAnExclusiveSetDoNotDeadlock) {
   fixture::BuildIdeAndScsiMachine(world);
   SCSI_Init();
