@@ -297,6 +297,22 @@ static int run_inquiry(char** arguments, int count, FILE* out, FILE* err) {
   return ASPITOOL_OK;
 }
 
+int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size) {
+  unsigned int length = ((unsigned)toc[0] << 8 | toc[1]) + 2u;
+  if (length > size) length = size;
+  if (length < 4) return 0;
+  fprintf(out, "tracks %u to %u\n", toc[2], toc[3]);
+  for (unsigned int offset = 4; offset + 8 <= length; offset += 8) {
+    const unsigned char* descriptor = toc + offset;
+    const unsigned long start = be32(descriptor + 4);
+    if (descriptor[2] == 0xAA)
+      fprintf(out, "  lead-out        LBA %lu\n", start);
+    else
+      fprintf(out, "  track %3u  %-5s LBA %lu\n", descriptor[2], descriptor[1] & 0x04 ? "data" : "audio", start);
+  }
+  return 1;
+}
+
 static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
   (void)count;
   Address address;
@@ -307,20 +323,9 @@ static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
   SRB_ExecSCSICmd srb;
   if (execute_in(&address, cdb, sizeof cdb, toc, TOC_LENGTH, &srb) != SS_COMP)
     return report_failure(err, "READ TOC", &address, &srb);
-  unsigned int length = ((unsigned)toc[0] << 8 | toc[1]) + 2u;
-  if (length > TOC_LENGTH) length = TOC_LENGTH;
-  if (length < 4) {
+  if (!aspitool_print_toc(out, toc, TOC_LENGTH)) {
     fprintf(err, "aspitool: READ TOC of %u:%u:%u returned no table\n", address.adapter, address.target, address.lun);
     return ASPITOOL_FAILED;
-  }
-  fprintf(out, "tracks %u to %u\n", toc[2], toc[3]);
-  for (unsigned int offset = 4; offset + 8 <= length; offset += 8) {
-    const unsigned char* descriptor = toc + offset;
-    const unsigned long start = be32(descriptor + 4);
-    if (descriptor[2] == 0xAA)
-      fprintf(out, "  lead-out        LBA %lu\n", start);
-    else
-      fprintf(out, "  track %3u  %-5s LBA %lu\n", descriptor[2], descriptor[1] & 0x04 ? "data" : "audio", start);
   }
   return ASPITOOL_OK;
 }

@@ -24,6 +24,11 @@ int aspitool_main(int argc, char** argv, FILE* out, FILE* err);
  * with its additional sense code, or the target status, in words. */
 void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb);
 
+/* Writes a READ TOC (format 0) answer of size bytes: the track range, then
+ * each track's number, kind and start address and the lead-out. 0 when the
+ * answer holds no table. */
+int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size);
+
 #ifdef __cplusplus
 }
 #endif

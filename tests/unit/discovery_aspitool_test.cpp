@@ -142,6 +142,136 @@ TEST_F(Aspitool, ExplainsItselfAndEachCommand) {
   EXPECT_EQ(ASPITOOL_USAGE, Run({"scan", "extra"}).status);
 }
 
+class AspitoolWithDrives : public Aspitool {
+ protected:
+  void SetUp() override {
+    Aspitool::SetUp();
+    machine = fixture::BuildMachineWithEmulatedDrives(world);
+    Discover();
+  }
+
+  // Blocks lba .. lba+count-1 of a drive's disc.
+  static std::string Blocks(fixture::SgNode& node, size_t lba, size_t count) {
+    const std::vector<unsigned char>& disc = node.drive().disc;
+    const size_t size = fixture::EmulatedDrive::kBlockSize;
+    return std::string(disc.begin() + lba * size, disc.begin() + (lba + count) * size);
+  }
+
+  fixture::DriveMachine machine;
+};
+
+TEST_F(AspitoolWithDrives, ScanListsEveryDeviceWithItsInquiryData) {
+  ToolRun run = Run({"scan"});
+  EXPECT_EQ(ASPITOOL_OK, run.status);
+  EXPECT_EQ("4 host adapters\n"
+            "adapter 0: ide-cdrom\n"
+            "  0:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
+            "adapter 1: ata_piix\n"
+            "  1:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
+            "adapter 2: unknown\n"
+            "  no devices\n"
+            "adapter 3: sym53c8xx\n"
+            "  3:4:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n",
+            run.out);
+  EXPECT_EQ("", run.err);
+}
+
+TEST_F(AspitoolWithDrives, ScanShowsADeviceThatFailsItsInquiry) {
+  machine.scsiCd->drive().FailNextWithSense(0x04, 0x44, 0x00);
+  ToolRun run = Run({"scan"});
+  EXPECT_EQ(ASPITOOL_OK, run.status);
+  EXPECT_NE(std::string::npos,
+            run.out.find("  3:4:0  INQUIRY failed: ASPI status 0x04 (completed with error), sense key 0x4 "
+                         "(HARDWARE ERROR), ASC/ASCQ 44/00\n"))
+      << run.out;
+}
+
+TEST_F(AspitoolWithDrives, InquiryShowsTheDeviceAndTheEmulatedHostsVersion) {
+  ToolRun real = Run({"inquiry", "3:4:0"});
+  EXPECT_EQ(ASPITOOL_OK, real.status);
+  EXPECT_EQ("device 3:4:0\n"
+            "  peripheral type   5 (CD/DVD)\n"
+            "  qualifier         0\n"
+            "  removable medium  yes\n"
+            "  ANSI version      5\n"
+            "  vendor            KAVO\n"
+            "  product           EMULATED DRIVE\n"
+            "  revision          1.00\n",
+            real.out);
+  ToolRun emulated = Run({"inquiry", "1:0:0"});
+  EXPECT_NE(std::string::npos, emulated.out.find("  ANSI version      0\n")) << emulated.out;
+}
+
+TEST_F(AspitoolWithDrives, ReadWritesTheBlocksToAFileInRequestsTheAdapterAllows) {
+  const std::string path = ::testing::TempDir() + "aspitool_read.bin";
+  ToolRun run = Run({"read", "3:4:0", "10", "70", path.c_str()});
+  EXPECT_EQ(ASPITOOL_OK, run.status) << run.err;
+  EXPECT_EQ("70 blocks (143360 bytes) from LBA 10 written to " + path + "\n", run.out);
+  FILE* file = fopen(path.c_str(), "rb");
+  ASSERT_NE(nullptr, file);
+  std::string content(70 * fixture::EmulatedDrive::kBlockSize + 1, 0);
+  content.resize(fread(&content[0], 1, content.size(), file));
+  fclose(file);
+  remove(path.c_str());
+  EXPECT_TRUE(content == Blocks(*machine.scsiCd, 10, 70));
+  std::vector<std::vector<unsigned char>> reads;
+  for (const fixture::DriveCommand& command : machine.scsiCd->drive().Commands())
+    if (command.cdb[0] == 0x28) reads.push_back(command.cdb);
+  ASSERT_EQ(2u, reads.size()) << "131072 bytes, 64 blocks, per request";
+  EXPECT_EQ((std::vector<unsigned char>{0x28, 0, 0, 0, 0, 10, 0, 0, 64, 0}), reads[0]);
+  EXPECT_EQ((std::vector<unsigned char>{0x28, 0, 0, 0, 0, 74, 0, 0, 6, 0}), reads[1]);
+}
+
+TEST_F(AspitoolWithDrives, ReadWritesToStandardOutputWithoutAFile) {
+  ToolRun run = Run({"read", "1:0:0", "3", "2"});
+  EXPECT_EQ(ASPITOOL_OK, run.status) << run.err;
+  EXPECT_TRUE(run.out == Blocks(*machine.emulatedCd, 3, 2));
+}
+
+TEST_F(AspitoolWithDrives, ReadReportsWhereAndWhyItFailed) {
+  ToolRun run = Run({"read", "1:0:0", "14", "4"});
+  EXPECT_EQ(ASPITOOL_FAILED, run.status);
+  EXPECT_EQ("aspitool: READ(10) of 1:0:0 at LBA 14 failed: ASPI status 0x04 (completed with error), sense key 0x5 "
+            "(ILLEGAL REQUEST), ASC/ASCQ 21/00 (logical block address out of range)\n",
+            run.err);
+  ToolRun unwritable = Run({"read", "1:0:0", "0", "1", "/nonexistent-directory/out.bin"});
+  EXPECT_EQ(ASPITOOL_FAILED, unwritable.status);
+  EXPECT_EQ(0u, unwritable.err.find("aspitool: cannot open \"/nonexistent-directory/out.bin\" for writing: "));
+}
+
+TEST_F(AspitoolWithDrives, TocReportsAnEmptyDriveInWords) {
+  machine.ideDvd->drive().FailNextWithSense(0x02, 0x3A, 0x00);
+  ToolRun run = Run({"toc", "0:0:0"});
+  EXPECT_EQ(ASPITOOL_FAILED, run.status);
+  EXPECT_EQ("aspitool: READ TOC of 0:0:0 failed: ASPI status 0x04 (completed with error), sense key 0x2 (NOT READY), "
+            "ASC/ASCQ 3A/00 (medium not present)\n",
+            run.err);
+  const std::vector<fixture::DriveCommand> commands = machine.ideDvd->drive().Commands();
+  ASSERT_FALSE(commands.empty());
+  EXPECT_EQ((std::vector<unsigned char>{0x43, 0, 0, 0, 0, 0, 0, 0x03, 0x24, 0, 0, 0}), commands.back().cdb);
+}
+
+TEST(AspitoolToc, ListsTracksAndLeadOut) {
+  const unsigned char toc[] = {0x00, 0x1A, 1, 2,                                  // 26 bytes follow: 3 descriptors
+                               0, 0x10, 1, 0, 0x00, 0x00, 0x00, 0x00,             // audio track 1 at 0
+                               0, 0x14, 2, 0, 0x00, 0x00, 0x30, 0x39,             // data track 2 at 12345
+                               0, 0x14, 0xAA, 0, 0x00, 0x01, 0x86, 0xA0,          // lead-out at 100000
+                               0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};  // beyond the stated length
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&text, &size);
+  EXPECT_EQ(1, aspitool_print_toc(out, toc, sizeof toc));
+  const unsigned char empty[] = {0x00, 0x00, 0, 0};
+  EXPECT_EQ(0, aspitool_print_toc(out, empty, sizeof empty));
+  fclose(out);
+  EXPECT_EQ(std::string("tracks 1 to 2\n"
+                        "  track   1  audio LBA 0\n"
+                        "  track   2  data  LBA 12345\n"
+                        "  lead-out        LBA 100000\n"),
+            std::string(text, size));
+  free(text);
+}
+
 TEST(AspitoolFailure, NamesStatusSenseKeyAndAdditionalSense) {
   SRB_ExecSCSICmd srb = {};
   srb.SRB_Status = SS_ERR;
