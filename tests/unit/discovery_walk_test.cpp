@@ -15,110 +15,70 @@ namespace {
 
 class NodeWalk : public ::testing::Test {
  protected:
-  void SetUp() override { SCSI_ResetDiscoveryState(); }
+  void SetUp() override {
+    SCSI_ResetDiscoveryState();
+    IsKernel26 = 1;
+  }
   void TearDown() override { SCSI_ResetDiscoveryState(); }
 
-  // The node paths a walk over /dev/sg opened, and the ones it handed on.
-  std::vector<std::string> Walk() {
+  // The nodes a walk over /dev/sg hands on; it stops at stopTarget.
+  std::vector<std::string> Walk(int stopTarget = -1) {
     std::vector<std::string> taken;
-    SCSI_WalkDeviceNodes(SCSI_MakeSgDeviceName, O_RDONLY | O_NONBLOCK,
-                         [&](int, char const* path, const SCSI_NodeAddress&) {
-                           taken.push_back(path);
-                           return false;
-                         });
+    SCSI_WalkDeviceNodes(SCSI_MakeSgDeviceName, O_RDONLY, [&](int, char const* path, const SCSI_NodeAddress& at) {
+      taken.push_back(path);
+      return at.target == stopTarget;
+    });
+    EXPECT_EQ(0, world.OpenDescriptorCount());
     return taken;
   }
-  std::string LastOpened() const { return world.Opens().empty() ? "" : world.Opens().back().path; }
+  std::string LastOpened() const { return world.Opens().back().path; }
 
   fixture::FixtureWorld world;
   fixture::FixtureWorld::Scope scope{world};
 };
 
-TEST(SgDeviceName, IsDecimal) {
-  char path[kDeviceNodePathSize];
-  SCSI_MakeSgDeviceName(path, 0);
-  EXPECT_STREQ("/dev/sg0", path);
-  SCSI_MakeSgDeviceName(path, 999);
-  EXPECT_STREQ("/dev/sg999", path);
+TEST_F(NodeWalk, EndsAfterSixteenFailuresCountedOverTheWholeWalk) {
+  for (int n : {0, 1, 2, 12}) fixture::AddGenericNode(world, n, 0, 0, n, 0);
+  fixture::AddGenericNode(world, 20, 0, 0, 20, 0);
+  EXPECT_EQ((std::vector<std::string>{"/dev/sg0", "/dev/sg1", "/dev/sg2", "/dev/sg12"}), Walk());
+  EXPECT_EQ("/dev/sg19", LastOpened()) << "nine failures before sg12, seven after";
 }
 
-TEST_F(NodeWalk, EndsAfterSixteenCountedFailures) {
-  for (int n = 0; n < 3; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0);
-  EXPECT_EQ((std::vector<std::string>{"/dev/sg0", "/dev/sg1", "/dev/sg2"}), Walk());
-  EXPECT_EQ(19u, world.Opens().size());
-  EXPECT_EQ("/dev/sg18", LastOpened());
-}
-
-TEST_F(NodeWalk, FailuresAccumulateOverGapsBetweenNodes) {
-  fixture::AddGenericNode(world, 10, 0, 0, 0, 0);
-  fixture::AddGenericNode(world, 20, 0, 0, 1, 0);
-  EXPECT_EQ((std::vector<std::string>{"/dev/sg10"}), Walk()) << "ten failures before sg10, six more end the walk";
-  EXPECT_EQ("/dev/sg16", LastOpened());
-}
-
-TEST_F(NodeWalk, BusyAndForbiddenNodesAreSkippedWithoutCounting) {
+TEST_F(NodeWalk, SkipsBusyAndForbiddenNodesButCountsSilentOnes) {
   for (int n = 0; n < 6; ++n) {
     fixture::AddGenericNode(world, n, 0, 0, n, 0);
     world.FailOpen("/dev/sg" + std::to_string(n), n % 2 == 0 ? EBUSY : EACCES);
   }
-  fixture::AddGenericNode(world, 6, 0, 0, 6, 0);
-  EXPECT_EQ((std::vector<std::string>{"/dev/sg6"}), Walk());
+  for (int n = 6; n < 30; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0)->answersAddress_ = n == 8;
+  EXPECT_EQ((std::vector<std::string>{"/dev/sg8"}), Walk());
   EXPECT_EQ("/dev/sg22", LastOpened());
 }
 
-TEST_F(NodeWalk, NodeWithoutAnAddressCountsAndIsClosed) {
-  for (int n = 0; n < 20; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0)->answersAddress_ = false;
-  EXPECT_TRUE(Walk().empty());
-  EXPECT_EQ("/dev/sg15", LastOpened());
-  EXPECT_EQ(0, world.OpenDescriptorCount());
-}
-
-TEST_F(NodeWalk, VisitorEndsTheWalkAndEveryTakenNodeIsClosed) {
+TEST_F(NodeWalk, VisitorCanEndTheWalk) {
   for (int n = 0; n < 5; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0);
-  int visits = 0;
-  SCSI_WalkDeviceNodes(SCSI_MakeSgDeviceName, O_RDONLY, [&](int fd, char const*, const SCSI_NodeAddress& address) {
-    EXPECT_GE(fd, 0);
-    ++visits;
-    return address.target == 2;
-  });
-  EXPECT_EQ(3, visits);
+  EXPECT_EQ(3u, Walk(2).size());
   EXPECT_EQ("/dev/sg2", LastOpened());
-  EXPECT_EQ(0, world.OpenDescriptorCount());
 }
 
-class PresenceProbe : public NodeWalk {
- protected:
-  void SetUp() override {
-    NodeWalk::SetUp();
-    IsKernel26 = 1;
-  }
-};
-
-TEST_F(PresenceProbe, AnswersFromTheRegistryWithoutOpeningNodes) {
+TEST_F(NodeWalk, PresenceAnswersFromTheRegistryFirst) {
   IdeAdapterCount = 2;
   SCSI_RegisterDevice(SCSI_MakeDeviceKey(3, 0, 4, 0), SCSI_NewDeviceProperties("/dev/sg9"));
   EXPECT_TRUE(SCSI_IsDevicePresent(1, 0, 4, 0)) << "Linux host 1 is ASPI adapter 3";
   EXPECT_TRUE(world.Opens().empty());
 }
 
-TEST_F(PresenceProbe, FindsAnUnregisteredDriveThroughItsGenericNode) {
+TEST_F(NodeWalk, PresenceFindsUnregisteredNodesByTheirWholeAddress) {
   fixture::AddGenericNode(world, 0, 0, 0, 0, 0);
   fixture::AddGenericNode(world, 1, 2, 1, 3, 4);
-  EXPECT_TRUE(SCSI_IsDevicePresent(2, 1, 3, 4));
-  EXPECT_EQ("/dev/sg1", LastOpened());
-  for (const fixture::OpenRecord& open : world.Opens()) EXPECT_EQ(O_RDONLY | O_NONBLOCK, open.flags);
-  EXPECT_TRUE(DevicesMap.empty()) << "the probe registers nothing";
-  EXPECT_FALSE(SCSI_IsDevicePresent(2, 0, 3, 4)) << "another channel";
-  EXPECT_FALSE(SCSI_IsDevicePresent(3, 1, 3, 4)) << "another host";
-  EXPECT_EQ(0, world.OpenDescriptorCount());
-}
-
-TEST_F(PresenceProbe, IgnoresIdeScsiNodesOnNewKernels) {
   SCSI_RegisterAdapter(0, "ide-scsi", 1);
-  fixture::AddGenericNode(world, 0, 0, 0, 0, 0);
-  EXPECT_FALSE(SCSI_IsDevicePresent(0, 0, 0, 0));
+  EXPECT_TRUE(SCSI_IsDevicePresent(2, 1, 3, 4));
+  EXPECT_EQ(O_RDONLY | O_NONBLOCK, world.Opens().back().flags);
+  EXPECT_FALSE(SCSI_IsDevicePresent(2, 0, 3, 4));
+  EXPECT_FALSE(SCSI_IsDevicePresent(0, 0, 0, 0)) << "an ide-scsi node does not count";
   IsKernel26 = 0;
-  EXPECT_TRUE(SCSI_IsDevicePresent(0, 0, 0, 0));
+  EXPECT_TRUE(SCSI_IsDevicePresent(0, 0, 0, 0)) << "except before 2.6";
+  EXPECT_TRUE(DevicesMap.empty()) << "the probe registers nothing";
+  EXPECT_EQ(0, world.OpenDescriptorCount());
 }
 
 }  // namespace
