@@ -13,7 +13,6 @@
 
 namespace {
 
-const unsigned int kInfinite = 0xFFFFFFFFu;
 const unsigned int kRescanPollMicroseconds = 500;
 
 // The record whose DevicePath is path, or null. DevicesMapLock is held.
