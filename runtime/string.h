@@ -23,8 +23,11 @@ template <typename T>
 int UnicodeStringCmp(T const* a, T const* b, int n);
 extern template KAVO_API int UnicodeStringCmp<char>(char const*, char const*, int);
 
+// Exported as a class template rather than through an extern explicit
+// instantiation: applications then instantiate the inline accessors
+// themselves instead of expecting the library to export them.
 template <typename T>
-class CBasicString {
+class KAVO_API CBasicString {
  public:
   // len = -1 takes the whole C string; otherwise exactly len bytes, which
   // need not be terminated.
@@ -56,8 +59,6 @@ class CBasicString {
   int m_nCapacity;   // bytes allocated; always >= m_nLength + 2
   int m_nLength;     // characters before the terminator
 };
-
-extern template class KAVO_API CBasicString<char>;
 
 // The order of the device maps.
 inline bool operator<(const CBasicString<char>& a, const CBasicString<char>& b) {
