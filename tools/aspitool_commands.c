@@ -267,7 +267,7 @@ static int run_scan(char** arguments, int count, FILE* out, FILE* err) {
     inquire_adapter(adapter, &inquiry);
     memcpy(name, inquiry.HA_Identifier, 16);
     name[16] = 0;
-    fprintf(out, "adapter %d: %s\n", adapter, name);
+    fprintf(out, "adapter %d: %s (%s)\n", adapter, name, aspitool_adapter_kind(adapter));
     const int targets = inquiry.HA_Unique[3] != 0 ? inquiry.HA_Unique[3] : 8;
     if (scan_adapter(adapter, targets, out) == 0) fprintf(out, "  no devices\n");
   }

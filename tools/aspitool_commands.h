@@ -29,6 +29,10 @@ void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb);
  * answer holds no table. */
 int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size);
 
+/* "IDE adapter", "real SCSI host", "emulated SCSI host" or "no adapter at
+ * this number". */
+const char* aspitool_adapter_kind(int adapter);
+
 #ifdef __cplusplus
 }
 #endif

@@ -136,13 +136,13 @@ TEST_F(AspitoolWithDrives, ScanListsEveryDeviceWithItsInquiryData) {
   ToolRun run = Run({"scan"});
   EXPECT_EQ(ASPITOOL_OK, run.status);
   EXPECT_EQ("4 host adapters\n"
-            "adapter 0: ide-cdrom\n"
+            "adapter 0: ide-cdrom (IDE adapter)\n"
             "  0:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
-            "adapter 1: ata_piix\n"
+            "adapter 1: ata_piix (emulated SCSI host)\n"
             "  1:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
-            "adapter 2: unknown\n"
+            "adapter 2: unknown (no adapter at this number)\n"
             "  no devices\n"
-            "adapter 3: sym53c8xx\n"
+            "adapter 3: sym53c8xx (real SCSI host)\n"
             "  3:4:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n",
             run.out);
   EXPECT_EQ("", run.err);

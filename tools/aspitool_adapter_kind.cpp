@@ -1,0 +1,13 @@
+// What kind of host adapter an ASPI number stands for. The SRB interface
+// has no word for it, so this asks the registry queries that the library
+// exports to C++ applications.
+#include "device/registry.h"
+#include "tools/aspitool_commands.h"
+
+extern "C" const char* aspitool_adapter_kind(int adapter) {
+  if (IsIDEAdapter(adapter)) return "IDE adapter";
+  if (IsRealScsiAdapter(adapter)) return "real SCSI host";
+  // An adapter without a record reads with the unknown-adapter name itself.
+  if (SCSI_GetAdapterName(adapter) != pszUnknownHA) return "emulated SCSI host";
+  return "no adapter at this number";
+}
