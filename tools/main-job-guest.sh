@@ -1,9 +1,39 @@
 # The main job as the VM shows it: the drives the library finds through
-# ASPI, then the test disc as an application reads it through ASPI.
+# ASPI, each disc's table of contents, and a file and the disc's data read
+# back through ASPI.
 . /opt/kavo/disc.env
+disc=/opt/kavo/disc.iso
+
 echo
-echo "== aspitool scan: the host adapters and drives the library reaches through ASPI"
-aspitool scan
-status=$?
+echo "libKavoASPI (32-bit) on Linux $(uname -r): two CD drives on a virtio SCSI host, one"
+echo "holding a test disc of $DISC_SECTORS sectors, the other empty; an ATAPI DVD drive"
+echo "on a PIIX IDE controller holding the same disc."
 echo
-exit $status
+echo "== aspitool scan: host adapters and devices reached through ASPI"
+aspitool scan | tee /tmp/scan || exit 1
+drives=$(sed -n 's/^  \([0-9]*:[0-9]*:[0-9]*\)  .*/\1/p' /tmp/scan)
+
+readable=""
+for drive in $drives; do
+  echo
+  echo "== aspitool toc $drive: table of contents"
+  if aspitool toc "$drive"; then readable="$readable $drive"; fi
+done
+
+for drive in $readable; do
+  echo
+  echo "== aspitool read $drive $README_LBA 1: README.TXT ($README_SIZE bytes at LBA $README_LBA)"
+  aspitool read "$drive" "$README_LBA" 1 | head -c "$README_SIZE"
+  blocks=$((DATA_SIZE / 2048))
+  echo
+  echo "== aspitool read $drive $DATA_LBA $blocks: DATA.BIN ($DATA_SIZE bytes) compared with the disc image"
+  aspitool read "$drive" "$DATA_LBA" "$blocks" /tmp/data.bin || exit 1
+  through_aspi=$(md5sum < /tmp/data.bin | cut -d' ' -f1)
+  from_image=$(dd if=$disc bs=2048 skip="$DATA_LBA" count="$blocks" 2>/dev/null | md5sum | cut -d' ' -f1)
+  echo "  MD5 read through ASPI $through_aspi"
+  echo "  MD5 of the disc image $from_image"
+  [ "$through_aspi" = "$from_image" ] && echo "  identical" || { echo "  DIFFERENT"; exit 1; }
+  rm -f /tmp/data.bin
+done
+[ -n "$readable" ] || { echo "no drive with a readable disc"; exit 1; }
+echo
