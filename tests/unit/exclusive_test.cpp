@@ -25,11 +25,11 @@
 
 namespace {
 
+using Lines = std::vector<std::string>;
 const char kUdi[] = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
-const char kQuietUmount[] = "umount /dev/sr0 > /dev/null 2>&1";
+const std::string kLock = std::string("Lock ") + kUdi, kUnlock = std::string("Unlock ") + kUdi;
 
-// What a drive's entry in OpenedDevicesMap holds, or {-2, 0, false} when it
-// has none.
+// A drive's entry in OpenedDevicesMap, or {-2, 0, false} when it has none.
 SCSI_RefCountedFileDesc EntryOf(const char* path) {
   CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
   SCSI_OpenedDevicesMap::const_iterator found = OpenedDevicesMap.find(CBasicString<char>(path));
@@ -47,8 +47,8 @@ void GiveHalUdi(int adapter, int target, const char* udi) {
   SCSI_GetDeviceProperties(adapter, 0, target, 0)->HalUdi = udi;
 }
 
-std::vector<std::string> SentMethods(HalDouble& hal) {
-  std::vector<std::string> methods;
+Lines SentMethods(HalDouble& hal) {
+  Lines methods;
   for (const HalDoubleMethodCall& call : hal.Sent()) methods.push_back(std::string(call.method) + " " + call.path);
   return methods;
 }
@@ -71,103 +71,47 @@ class ExclusiveTest : public ::testing::Test {
   fixture::RegistryReset registry_;
 };
 
-TEST_F(ExclusiveTest, UnmountedDriveIsHeldWithItsBlockNodeAndNoCommand) {
-  ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
-  EXPECT_TRUE(world_.ShellCommands().empty());
-  const std::vector<fixture::OpenRecord> opens = world_.Opens();
-  ASSERT_EQ(2u, opens.size());
-  EXPECT_EQ("/dev/sg0", opens[0].path);
-  EXPECT_EQ(O_RDWR | O_EXCL, opens[0].flags);
-  EXPECT_EQ("/dev/sr0", opens[1].path);
-
-  const SCSI_RefCountedFileDesc drive = EntryOf("/dev/sg0");
-  const SCSI_RefCountedFileDesc block = EntryOf("/dev/sr0");
-  EXPECT_GE(drive.nFileDesc, 0);
-  EXPECT_EQ(1, drive.nRefCount);
-  EXPECT_FALSE(drive.bHalLocked);
-  EXPECT_GE(block.nFileDesc, 0);
-  EXPECT_EQ(1, block.nRefCount);
-  EXPECT_EQ(drive.nFileDesc, SCSI_GetDeviceFileDesc(0, 0, 0, 0));
-  EXPECT_EQ(2, world_.OpenDescriptorCount());
-
-  EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-  EXPECT_EQ(0u, HeldEntries());
-  EXPECT_EQ(0, world_.OpenDescriptorCount());
-  EXPECT_EQ(-1, SCSI_GetDeviceFileDesc(0, 0, 0, 0));
-}
-
-TEST_F(ExclusiveTest, DriveMountedTwiceIsUnmountedTwiceAndNoFurther) {
-  world_.AddFile("/etc/mtab",
-                 "/dev/sr0 /media/cdrom iso9660 ro 0 0\n/dev/sda1 / ext4 rw 0 0\n/dev/sr0 /mnt udf ro 0 0\n");
-  int mounts = 2;
-  world_.SetShellHook([this, &mounts](const std::string& command) {
-    if (command == kQuietUmount && mounts > 0) --mounts;
-    std::string table = "/dev/sda1 / ext4 rw 0 0\n";
-    for (int i = 0; i < mounts; ++i) table += "/dev/sr0 /media/cdrom" + std::to_string(i) + " iso9660 ro 0 0\n";
-    world_.AddFile("/etc/mtab", table);
-    return 0;
-  });
-  ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
-  EXPECT_EQ((std::vector<std::string>{kQuietUmount, kQuietUmount}), world_.ShellCommands());
-  EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-}
-
-TEST_F(ExclusiveTest, WithoutMtabEveryUnmountCommandRunsOnce) {
-  world_.Remove("/etc/mtab");
-  ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
-  const std::vector<std::string> expected = {
-      kQuietUmount,
-      "pumount /dev/sr0 > /dev/null 2>&1",
-      "dbus-send --print-reply --system --dest=org.freedesktop.Hal `hal-find-by-property --key \"block.device\" "
-      "--string \"/dev/sr0\" | grep /volume | head -n1` org.freedesktop.Hal.Device.Volume.Unmount array:string:  "
-      "> /dev/null 2>&1",
-      "gnome-mount --no-ui --unmount --device /dev/sr0 > /dev/null 2>&1",
-      "dcop kded mediamanager unmount `dcop kded mediamanager properties /dev/sr0 2>/dev/null | head -n 1` "
-      ">/dev/null 2>&1",
-  };
-  EXPECT_EQ(expected, world_.ShellCommands());
-  EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-}
-
+// The first set opens the drive exclusively and its block node, runs no
+// command for an unmounted drive; a nested set shares both; the block entry
+// goes at the first unset and the drive's at the last.
 TEST_F(ExclusiveTest, NestedHoldsShareOneDescriptorAndGiveTheBlockNodeBackFirst) {
   ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
+  EXPECT_TRUE(world_.ShellCommands().empty());
+  ASSERT_EQ(2u, world_.Opens().size());
+  EXPECT_EQ("/dev/sg0", world_.Opens()[0].path);
+  EXPECT_EQ(O_RDWR | O_EXCL, world_.Opens()[0].flags);
+  EXPECT_EQ("/dev/sr0", world_.Opens()[1].path);
+  const int fd = EntryOf("/dev/sg0").nFileDesc;
+  EXPECT_GE(fd, 0);
+  EXPECT_FALSE(EntryOf("/dev/sg0").bHalLocked);
+  EXPECT_EQ(fd, SCSI_GetDeviceFileDesc(0, 0, 0, 0));
+
   world_.Remove("/etc/mtab");  // a nested set would now run the whole chain
   ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
   EXPECT_EQ(2u, world_.Opens().size()) << "no second open";
   EXPECT_TRUE(world_.ShellCommands().empty()) << "no second unmount";
-  const int fd = EntryOf("/dev/sg0").nFileDesc;
   EXPECT_EQ(2, EntryOf("/dev/sg0").nRefCount);
   EXPECT_EQ(1, EntryOf("/dev/sr0").nRefCount);
+
+  EXPECT_EQ(-1, ASPI_setExclusiveMode(5, 5));
+  EXPECT_EQ(-1, ASPI_unsetExclusiveMode(5, 5));
+  EXPECT_EQ(-1, ASPI_unsetExclusiveMode(1, 0)) << "registered but never held";
+  EXPECT_EQ(2, world_.OpenDescriptorCount());
 
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
   EXPECT_EQ(1, EntryOf("/dev/sg0").nRefCount);
   EXPECT_EQ(-2, EntryOf("/dev/sr0").nFileDesc) << "block entry gone at the first unset";
   EXPECT_EQ(1, world_.OpenDescriptorCount());
-  EXPECT_EQ(fd, SCSI_GetDeviceFileDesc(0, 0, 0, 0));
-
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
   EXPECT_EQ(0u, HeldEntries());
   EXPECT_EQ(0, world_.OpenDescriptorCount());
+  EXPECT_EQ(-1, SCSI_GetDeviceFileDesc(0, 0, 0, 0));
   EXPECT_EQ(-1, ASPI_unsetExclusiveMode(0, 0));
-}
 
-TEST_F(ExclusiveTest, UnknownDrivesAndMissingHoldsChangeNothing) {
-  EXPECT_EQ(-1, ASPI_setExclusiveMode(5, 5));
-  ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
-  EXPECT_EQ(-1, ASPI_unsetExclusiveMode(5, 5));
-  EXPECT_EQ(-1, ASPI_unsetExclusiveMode(1, 0)) << "registered but never held";
-  EXPECT_EQ(1, EntryOf("/dev/sg0").nRefCount);
-  EXPECT_EQ(1, EntryOf("/dev/sr0").nRefCount);
-  EXPECT_EQ(2, world_.OpenDescriptorCount());
-  EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-}
-
-TEST_F(ExclusiveTest, FailedExclusiveOpenStoresNothing) {
   world_.FailOpen("/dev/sg0", EBUSY);
   EXPECT_EQ(-1, ASPI_setExclusiveMode(0, 0));
-  EXPECT_EQ(0u, HeldEntries());
+  EXPECT_EQ(0u, HeldEntries()) << "a failed open stores nothing";
   EXPECT_EQ(0, world_.OpenDescriptorCount());
-  EXPECT_EQ(-1, ASPI_unsetExclusiveMode(0, 0));
 }
 
 class ExclusiveHalTest : public ExclusiveTest {
@@ -188,12 +132,10 @@ TEST_F(ExclusiveHalTest, DriveIsLockedOnceAndUnlockedAtTheLastUnset) {
   ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
   ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
   EXPECT_TRUE(EntryOf("/dev/sg0").bHalLocked);
-  EXPECT_EQ(std::vector<std::string>{std::string("Lock ") + kUdi}, SentMethods(hal_));
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-  EXPECT_EQ(1u, hal_.Sent().size());
+  EXPECT_EQ(Lines{kLock}, SentMethods(hal_));
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-  EXPECT_EQ((std::vector<std::string>{std::string("Lock ") + kUdi, std::string("Unlock ") + kUdi}),
-            SentMethods(hal_));
+  EXPECT_EQ((Lines{kLock, kUnlock}), SentMethods(hal_));
 }
 
 TEST_F(ExclusiveHalTest, RefusedLockIsNotUnlockedAndDrivesWithoutUdiMakeNoCall) {
@@ -202,8 +144,7 @@ TEST_F(ExclusiveHalTest, RefusedLockIsNotUnlockedAndDrivesWithoutUdiMakeNoCall) 
   EXPECT_FALSE(EntryOf("/dev/sg0").bHalLocked);
   hal_.Fail(HAL_DOUBLE_METHOD_CALL, false);
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-  EXPECT_EQ(std::vector<std::string>{std::string("Lock ") + kUdi}, SentMethods(hal_));
-
+  EXPECT_EQ(Lines{kLock}, SentMethods(hal_));
   ASSERT_EQ(0, ASPI_setExclusiveMode(1, 0));
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(1, 0));
   EXPECT_EQ(1u, hal_.Sent().size());
@@ -216,8 +157,7 @@ TEST_F(ExclusiveHalTest, RebuildReleasesHalLocksAndHeldDescriptors) {
   SCSI_BuildRegistry();
   EXPECT_EQ(0u, HeldEntries());
   EXPECT_EQ(0, world_.OpenDescriptorCount());
-  EXPECT_EQ((std::vector<std::string>{std::string("Lock ") + kUdi, std::string("Unlock ") + kUdi}),
-            SentMethods(hal_));
+  EXPECT_EQ((Lines{kLock, kUnlock}), SentMethods(hal_));
   EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_MESSAGES));
   EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_STRING_ARRAYS));
 }
@@ -326,12 +266,9 @@ TEST(ExclusiveRace, SetsAndUnsetsRacingRescansNeverDeadlock) {
   EXPECT_GE(world.SleptMicroseconds(), 500u * 10) << "rescans must have waited for holds";
   EXPECT_EQ(0u, HeldEntries());
   EXPECT_EQ(5u, DevicesMap.size());
-  const std::vector<std::string> methods = SentMethods(hal);
-  ASSERT_EQ(2u * kHolds, methods.size());
-  for (size_t i = 0; i < methods.size(); i += 2) {
-    EXPECT_EQ(std::string("Lock ") + kUdi, methods[i]);
-    EXPECT_EQ(std::string("Unlock ") + kUdi, methods[i + 1]);
-  }
+  Lines expected;
+  for (int i = 0; i < kHolds; ++i) expected.insert(expected.end(), {kLock, kUnlock});
+  EXPECT_EQ(expected, SentMethods(hal));
   SCSI_Done();
   EXPECT_EQ(0, world.OpenDescriptorCount());
   SCSI_ResetDiscoveryState();
