@@ -9,87 +9,61 @@
 
 namespace {
 
-TEST(BasicString, GrowsByTheOneRule) {
-  CBasicString<char> empty("", -1);
-  EXPECT_EQ(0, empty.GetLength());
-  EXPECT_EQ(6, empty.GetCapacity());
-  CBasicString<char> four("abcd", -1);
-  EXPECT_EQ(6, four.GetCapacity());
-  CBasicString<char> five("abcde", -1);
-  EXPECT_EQ(12, five.GetCapacity());
-  EXPECT_STREQ("abcde", five.GetString());
-}
-
-TEST(BasicString, DeviceKeyLeavesZeroTail) {
+TEST(BasicString, GrowsByTheOneRuleAndLeavesAZeroTail) {
+  const struct {
+    const char* text;
+    int capacity;
+  } rows[] = {{"", 6}, {"abcd", 6}, {"abcde", 12}};
+  for (const auto& row : rows) EXPECT_EQ(row.capacity, CBasicString<char>(row.text, -1).GetCapacity()) << row.text;
   CBasicString<char> deviceKey;
   deviceKey.Format("h%02dc%02dt%02dd%02d", 0, 0, 0, 0);
-  EXPECT_STREQ("h00c00t00d00", deviceKey.GetString());
   ASSERT_EQ(26, deviceKey.GetCapacity());
   const CBasicString<char> copy(deviceKey);
   for (int i = 12; i < copy.GetCapacity(); ++i) EXPECT_EQ(0, copy.GetString()[i]) << i;
-}
-
-TEST(BasicString, TakesExactlyLenBytesOfUnterminatedText) {
   const char raw[3] = {'x', 'y', 'z'};
-  CBasicString<char> s(raw, 2);
-  EXPECT_STREQ("xy", s.GetString());
-  EXPECT_EQ(2, s.GetLength());
+  EXPECT_STREQ("xy", CBasicString<char>(raw, 2).GetString()) << "exactly len bytes of unterminated text";
 }
 
-TEST(BasicString, AppendsItsOwnTextAcrossGrowth) {
+TEST(BasicString, AppendsAndAssignsFromInsideItsOwnBuffer) {
   CBasicString<char> s("abcd", -1);
   s += s.GetString();
   EXPECT_STREQ("abcdabcd", s.GetString());
-  EXPECT_EQ(8, s.GetLength());
   s += s.GetString() + 4;
   EXPECT_STREQ("abcdabcdabcd", s.GetString());
-}
-
-TEST(BasicString, AssignsFromInsideItsOwnBuffer) {
-  CBasicString<char> s("0123456789", -1);
-  s = s.GetString() + 3;
-  EXPECT_STREQ("3456789", s.GetString());
-  EXPECT_EQ(7, s.GetLength());
-  CBasicString<char> copy("short", -1);
-  copy = s;
-  EXPECT_STREQ("3456789", copy.GetString());
+  s = s.GetString() + 9;
+  EXPECT_STREQ("bcd", s.GetString());
+  EXPECT_EQ(3, s.GetLength());
 }
 
 TEST(BasicString, FormatCutsAt16383Characters) {
-  const std::string longText(20000, 'q');
   CBasicString<char> s;
-  s.Format("%s", longText.c_str());
-  EXPECT_EQ(16383, s.GetLength());
+  s.Format("%s", std::string(20000, 'q').c_str());
   EXPECT_EQ(std::string(16383, 'q'), s.GetString());
+  EXPECT_EQ(16383, s.GetLength());
   s.Format("%d-%s", 7, "x");
   EXPECT_STREQ("7-x", s.GetString());
   EXPECT_GE(s.GetCapacity(), 16385) << "a buffer never shrinks";
 }
 
 TEST(UnicodeStringCmp, EndOfStringDecidesBeforeCharacters) {
-  EXPECT_EQ(-1, UnicodeStringCmp<char>("b", "ab", -1));
-  EXPECT_EQ(1, UnicodeStringCmp<char>("ab", "b", -1));
-  EXPECT_EQ(-1, UnicodeStringCmp<char>("a", "ab", -1));
-  EXPECT_EQ(0, UnicodeStringCmp<char>("abc", "abc", -1));
-  EXPECT_EQ(-1, UnicodeStringCmp<char>("abc", "abd", -1));
-}
-
-TEST(UnicodeStringCmp, CountsNullsAndSignedBytes) {
-  EXPECT_EQ(0, UnicodeStringCmp<char>("abc", "abd", 2));
-  EXPECT_EQ(0, UnicodeStringCmp<char>("x", "y", 0));
-  EXPECT_EQ(0, UnicodeStringCmp<char>("x", "y", -2));
-  EXPECT_EQ(-1, UnicodeStringCmp<char>(nullptr, "", -1));
-  EXPECT_EQ(1, UnicodeStringCmp<char>("", nullptr, -1));
-  EXPECT_EQ(0, UnicodeStringCmp<char>(nullptr, nullptr, -1));
-  EXPECT_EQ(-1, UnicodeStringCmp<char>("", "a", -1));
-  EXPECT_EQ(-1, UnicodeStringCmp<char>("\xE9", "e", -1)) << "bytes above 0x7F sort before ASCII";
+  const struct {
+    const char *left, *right;
+    int count, result;
+  } rows[] = {{"b", "ab", -1, -1},   {"ab", "b", -1, 1},       {"a", "ab", -1, -1},       {"abc", "abc", -1, 0},
+              {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0},     {"x", "y", 0, 0},          {"x", "y", -2, 0},
+              {nullptr, "", -1, -1},  {"", nullptr, -1, 1},     {nullptr, nullptr, -1, 0}, {"", "a", -1, -1},
+              {"\xE9", "e", -1, -1}};  // bytes above 0x7F sort before ASCII
+  for (const auto& row : rows) {
+    SCOPED_TRACE(::testing::Message() << (row.left ? row.left : "null") << " " << (row.right ? row.right : "null")
+                                      << " " << row.count);
+    EXPECT_EQ(row.result, UnicodeStringCmp<char>(row.left, row.right, row.count));
+  }
   EXPECT_EQ(0u, UnicodeStringLen<char>(nullptr));
 }
 
 TEST(UnicodeStringCmp, OrdersDeviceKeysNumerically) {
   std::map<CBasicString<char>, int> keys;
-  const int adapters[] = {12, 2, 0, 4};
-  for (int adapter : adapters) {
+  for (int adapter : {12, 2, 0, 4}) {
     CBasicString<char> deviceKey;
     deviceKey.Format("h%02dc%02dt%02dd%02d", adapter, 0, 1, 0);
     keys[deviceKey] = adapter;
