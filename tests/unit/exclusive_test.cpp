@@ -150,18 +150,6 @@ TEST_F(ExclusiveHalTest, RefusedLockIsNotUnlockedAndDrivesWithoutUdiMakeNoCall) 
   EXPECT_EQ(1u, hal_.Sent().size());
 }
 
-TEST_F(ExclusiveHalTest, RebuildReleasesHalLocksAndHeldDescriptors) {
-  ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
-  ASSERT_EQ(0, ASPI_setExclusiveMode(1, 0));
-  ASSERT_EQ(3, world_.OpenDescriptorCount());
-  SCSI_BuildRegistry();
-  EXPECT_EQ(0u, HeldEntries());
-  EXPECT_EQ(0, world_.OpenDescriptorCount());
-  EXPECT_EQ((Lines{kLock, kUnlock}), SentMethods(hal_));
-  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_MESSAGES));
-  EXPECT_EQ(0, hal_.Outstanding(HAL_DOUBLE_STRING_ARRAYS));
-}
-
 // While RescanLock is taken (as by a rescan's rebuild), a set must wait for
 // it without holding either map lock: a thread that held a map lock while
 // waiting for RescanLock is what could close a cycle with the rebuild.
