@@ -6,7 +6,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -21,67 +23,62 @@ int FormatBounded(char* buf, unsigned int size, unsigned int count, const char* 
   return n;
 }
 
-TEST(StringCopy, FitsExactlyOrEmptiesTheDestination) {
-  char dst[4] = "zzz";
-  EXPECT_EQ(0, strcpy_s(dst, 4, "abc"));
-  EXPECT_STREQ("abc", dst);
-  errno = 0;
-  EXPECT_EQ(ERANGE, strcpy_s(dst, 3, "abc"));
-  EXPECT_EQ(0, dst[0]);
-  EXPECT_EQ(ERANGE, errno);
-  EXPECT_EQ(EINVAL, strcpy_s(dst, 4, nullptr));
-  EXPECT_EQ(0, dst[0]);
-  EXPECT_EQ(EINVAL, errno);
-  unsigned short wide[2] = {9, 9};
-  const unsigned short ab[] = {'a', 'b', 0};
-  EXPECT_EQ(ERANGE, wcscpy_s(wide, 2, ab));
-  EXPECT_EQ(0, wide[0]);
-}
-
-TEST(StringCopy, CountedCopyHonoursCountRoomAndTheTruncateCount) {
-  char dst[8];
-  EXPECT_EQ(0, strncpy_s(dst, 4, "abcdef", 3));
-  EXPECT_STREQ("abc", dst);
-  EXPECT_EQ(ERANGE, strncpy_s(dst, 3, "abcdef", 3));
-  EXPECT_EQ(0, dst[0]);
-  errno = kUntouched;
-  EXPECT_EQ(80, strncpy_s(dst, 3, "abcdef", kTruncateCount));
-  EXPECT_STREQ("ab", dst);
-  EXPECT_EQ(kUntouched, errno);
-  EXPECT_EQ(0, strncpy_s(dst, 3, "ab", kTruncateCount));
-  EXPECT_EQ(0, strncpy_s(nullptr, 0, "x", 0));
-  EXPECT_EQ(EINVAL, strncpy_s(nullptr, 5, "x", 0));
-  strcpy(dst, "zz");
-  EXPECT_EQ(EINVAL, strncpy_s(dst, 5, nullptr, 1));
-  EXPECT_EQ(0, dst[0]);
-  unsigned short wide[3];
+// Each call starts on a buffer holding "ab" with errno at kUntouched: the
+// result, the text left behind, and errno (kUntouched: not set).
+TEST(BoundedText, ResultTextAndErrnoOfEachCall) {
+  const struct {
+    const char* what;
+    std::function<int(char*)> call;
+    int result;
+    const char* text;
+    int errnoAfter;
+  } rows[] = {
+      {"strcpy_s fits", [](char* d) { return strcpy_s(d, 4, "abc"); }, 0, "abc", kUntouched},
+      {"strcpy_s no room", [](char* d) { return strcpy_s(d, 3, "abc"); }, ERANGE, "", ERANGE},
+      {"strcpy_s null", [](char* d) { return strcpy_s(d, 4, nullptr); }, EINVAL, "", EINVAL},
+      {"strncpy_s count", [](char* d) { return strncpy_s(d, 4, "abcdef", 3); }, 0, "abc", kUntouched},
+      {"strncpy_s no room", [](char* d) { return strncpy_s(d, 3, "abcdef", 3); }, ERANGE, "", ERANGE},
+      {"strncpy_s truncate", [](char* d) { return strncpy_s(d, 3, "abcdef", kTruncateCount); }, 80, "ab",
+       kUntouched},
+      {"strncpy_s fits truncate", [](char* d) { return strncpy_s(d, 3, "xy", kTruncateCount); }, 0, "xy", kUntouched},
+      {"strncpy_s null", [](char* d) { return strncpy_s(d, 5, nullptr, 1); }, EINVAL, "", EINVAL},
+      {"strcat_s no room", [](char* d) { return strcat_s(d, 4, "cd"); }, ERANGE, "", ERANGE},
+      {"strcat_s fits", [](char* d) { return strcat_s(d, 4, "c"); }, 0, "abc", kUntouched},
+      {"strncat_s count", [](char* d) { return strncat_s(d, 6, "cdef", 3); }, 0, "abcde", kUntouched},
+      {"strncat_s no room", [](char* d) { return strncat_s(d, 5, "cdef", 3); }, ERANGE, "", ERANGE},
+      {"strncat_s truncate", [](char* d) { return strncat_s(d, 5, "cdef", kTruncateCount); }, 80, "abcd",
+       kUntouched},
+      {"strncat_s unterminated", [](char* d) { return strncat_s(d, 2, "a", 0); }, EINVAL, "", EINVAL},
+      {"_strupr_s", [](char* d) { return _strupr_s(d, 3); }, 0, "AB", kUntouched},
+      {"_strlwr_s unterminated", [](char* d) { return _strlwr_s(d, 2); }, EINVAL, "", EINVAL},
+      {"_itoa_s no room", [](char* d) { return _itoa_s(-5, d, 2, 10); }, ERANGE, "", ERANGE},
+      {"_itoa_s fits", [](char* d) { return _itoa_s(-5, d, 3, 10); }, 0, "-5", kUntouched},
+      {"_itoa_s radix", [](char* d) { return _itoa_s(7, d, 8, 37); }, EINVAL, "", EINVAL},
+      {"_vsnprintf_s truncate", [](char* d) { return FormatBounded(d, 8, kTruncateCount, "%s", "abcdefghijkl"); },
+       -1, "abcdefg", kUntouched},
+      {"_vsnprintf_s count", [](char* d) { return FormatBounded(d, 8, 5, "%s", "abcdefghijkl"); }, -1, "abcde",
+       kUntouched},
+      {"_vsnprintf_s no room", [](char* d) { return FormatBounded(d, 8, 10, "%s", "abcdefghijkl"); }, -1, "",
+       ERANGE},
+      {"_snprintf_s fits", [](char* d) { return _snprintf_s(d, 8, kTruncateCount, "%d", 1234567); }, 7, "1234567",
+       kUntouched},
+      {"sprintf_s no room", [](char* d) { return sprintf_s(d, 4, "%s", "abcd"); }, -1, "", ERANGE},
+      {"sprintf_s fits", [](char* d) { return sprintf_s(d, 5, "%s", "abcd"); }, 4, "abcd", kUntouched},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    char buffer[16] = "ab";
+    errno = kUntouched;
+    EXPECT_EQ(row.result, row.call(buffer));
+    EXPECT_STREQ(row.text, buffer);
+    EXPECT_EQ(row.errnoAfter, errno);
+  }
+  unsigned short wide[3] = {9, 9, 9};
   const unsigned short abcd[] = {'a', 'b', 'c', 'd', 0};
+  EXPECT_EQ(ERANGE, wcscpy_s(wide, 2, abcd));
+  EXPECT_EQ(0, wide[0]);
   EXPECT_EQ(80, wcsncpy_s(wide, 3, abcd, kTruncateCount));
-  EXPECT_EQ('b', wide[1]);
-  EXPECT_EQ(0, wide[2]);
-}
-
-TEST(StringConcatenation, AppendsOnlyWhatFitsBehindTheTerminator) {
-  char dst[4] = "ab";
-  EXPECT_EQ(ERANGE, strcat_s(dst, 4, "cd"));
-  EXPECT_EQ(0, dst[0]);
-  strcpy(dst, "ab");
-  EXPECT_EQ(0, strcat_s(dst, 4, "c"));
-  EXPECT_STREQ("abc", dst);
-  char buf[6] = "ab";
-  EXPECT_EQ(0, strncat_s(buf, 6, "cdef", 3));
-  EXPECT_STREQ("abcde", buf);
-  strcpy(buf, "ab");
-  EXPECT_EQ(ERANGE, strncat_s(buf, 5, "cdef", 3));
-  EXPECT_EQ(0, buf[0]);
-  strcpy(buf, "ab");
-  errno = kUntouched;
-  EXPECT_EQ(80, strncat_s(buf, 5, "cdef", kTruncateCount));
-  EXPECT_STREQ("abcd", buf);
-  EXPECT_EQ(kUntouched, errno);
-  char unterminated[2] = {'x', 'y'};
-  EXPECT_EQ(EINVAL, strncat_s(unterminated, 2, "a", 0));
-  EXPECT_EQ(0, unterminated[0]);
+  EXPECT_EQ((std::vector<unsigned short>{'a', 'b', 0}), std::vector<unsigned short>(wide, wide + 3));
 }
 
 TEST(MemoryCopy, ZeroesTheWholeDestinationOnFailure) {
@@ -116,18 +113,6 @@ TEST(Tokens, SkipRunsOfDelimitersAndKeepTheirPlaceInContext) {
   EXPECT_EQ(EINVAL, errno);
 }
 
-TEST(CaseAndOrder, ChangeInPlaceAndRefuseUnterminatedText) {
-  char text[] = "MiXeD 1\xE9";
-  EXPECT_STREQ("MIXED 1\xE9", _strupr(text));
-  char even[] = "abcd";
-  EXPECT_STREQ("dcba", _strrev(even));
-  char bounded[4] = "aBc";
-  EXPECT_EQ(0, _strupr_s(bounded, 4));
-  EXPECT_STREQ("ABC", bounded);
-  EXPECT_EQ(EINVAL, _strlwr_s(bounded, 3));
-  EXPECT_EQ(0, bounded[0]);
-}
-
 TEST(Time, RefuseShortBuffersAndNegativeTimesWithoutTouchingErrno) {
   const long when = 86400L * 365;
   char buf[32] = "zz";
@@ -153,36 +138,15 @@ TEST(Time, RefuseShortBuffersAndNegativeTimesWithoutTouchingErrno) {
   EXPECT_EQ(localtime_r(&whenTime, &reference)->tm_yday, record.tm_yday);
 }
 
-TEST(IntegerText, DigitsSignAndRoomForThem) {
+TEST(IntegerText, DigitsSignCaseAndOrder) {
   char dst[40];
-  EXPECT_STREQ("0", _itoa(0, dst, 10));
   EXPECT_STREQ("-2147483648", _itoa(-2147483647 - 1, dst, 10));
   EXPECT_STREQ("z", _itoa(35, dst, 36));
   EXPECT_STREQ("ffffffff", _itoa(-1, dst, 16));
-  EXPECT_EQ(ERANGE, _itoa_s(-5, dst, 2, 10));
-  EXPECT_EQ(0, dst[0]);
-  EXPECT_EQ(0, _itoa_s(-5, dst, 3, 10));
-  EXPECT_STREQ("-5", dst);
-  EXPECT_EQ(EINVAL, _itoa_s(7, dst, 8, 37));
-}
-
-TEST(Formatting, BoundedOutputFollowsCountAndSize) {
-  char buf[8];
-  errno = kUntouched;
-  EXPECT_EQ(-1, FormatBounded(buf, 8, kTruncateCount, "%s", "abcdefghijkl"));
-  EXPECT_STREQ("abcdefg", buf);
-  EXPECT_EQ(-1, FormatBounded(buf, 8, 5, "%s", "abcdefghijkl"));
-  EXPECT_STREQ("abcde", buf);
-  EXPECT_EQ(kUntouched, errno);
-  EXPECT_EQ(-1, FormatBounded(buf, 8, 10, "%s", "abcdefghijkl"));
-  EXPECT_EQ(0, buf[0]);
-  EXPECT_EQ(ERANGE, errno);
-  EXPECT_EQ(7, _snprintf_s(buf, 8, kTruncateCount, "%d", 1234567));
-  EXPECT_EQ(-1, sprintf_s(buf, 4, "%s", "abcd"));
-  EXPECT_EQ(0, buf[0]);
-  EXPECT_EQ(ERANGE, errno);
-  EXPECT_EQ(4, sprintf_s(buf, 5, "%s", "abcd"));
-  EXPECT_STREQ("abcd", buf);
+  char text[] = "MiXeD 1\xE9";
+  EXPECT_STREQ("MIXED 1\xE9", _strupr(text));
+  char even[] = "abcd";
+  EXPECT_STREQ("dcba", _strrev(even));
 }
 
 TEST(Files, OpenRealFilesAndReportErrno) {
