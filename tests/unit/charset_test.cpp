@@ -43,7 +43,8 @@ class LocaleScope {
   bool active_;
 };
 
-TEST(WideCharToMultiByte, ReportsFullSizeAndCutsTheOutputToTheBuffer) {
+// Both directions report the full size and cut the output to the buffer.
+TEST(CodePageConversion, ReportsFullSizeAndCutsTheOutputToTheBuffer) {
   const unsigned short abc[] = {'a', 'b', 'c', 0};
   EXPECT_EQ(4, WideCharToMultiByte(kCodePageUtf8, 0, abc, -1, nullptr, 0, nullptr, nullptr));
   char out[4] = "xxx";
@@ -54,10 +55,13 @@ TEST(WideCharToMultiByte, ReportsFullSizeAndCutsTheOutputToTheBuffer) {
   EXPECT_STREQ("ab", out);
   EXPECT_EQ(4, WideCharToMultiByte(kCodePageUtf8, 0, abc, 1000, out, 4, nullptr, nullptr));
   EXPECT_EQ(0, WideCharToMultiByte(kCodePageUtf8, 0, nullptr, -1, out, 4, nullptr, nullptr));
-  EXPECT_EQ(0, out[0]);
+  unsigned short wide[3] = {1, 1, 1};
+  EXPECT_EQ(3, MultiByteToWideChar(kCodePageUtf8, 0, "h\xC3\xA9", -1, wide, 2));
+  EXPECT_EQ((Units{0x68, 0, 1}), Units(wide, wide + 3));
+  EXPECT_EQ((Units{0xF600}), ToWide(kCodePageUtf8, "\xF0\x9F\x98\x80")) << "beyond 16 bits the low bits stay";
 }
 
-TEST(WideCharToMultiByte, SurrogateFailsEveryCharacterSetButUtf7) {
+TEST(CodePageConversion, SurrogateFailsEveryCharacterSetButUtf7) {
   const unsigned short lone[] = {'a', 0xD800, 0};
   for (unsigned int codePage : {0u, 932u, kCodePageUtf8}) {
     char out[8] = "xxxxxxx";
@@ -66,18 +70,6 @@ TEST(WideCharToMultiByte, SurrogateFailsEveryCharacterSetButUtf7) {
   }
   char out[16];
   EXPECT_GT(WideCharToMultiByte(kCodePageUtf7, 0, lone, -1, out, 16, nullptr, nullptr), 0);
-}
-
-TEST(MultiByteToWideChar, ReportsFullCountAndCutsTheOutputToTheBuffer) {
-  const char text[] = "h\xC3\xA9";
-  EXPECT_EQ(3, MultiByteToWideChar(kCodePageUtf8, 0, text, -1, nullptr, 0));
-  unsigned short out[3] = {1, 1, 1};
-  EXPECT_EQ(3, MultiByteToWideChar(kCodePageUtf8, 0, text, -1, out, 2));
-  EXPECT_EQ((Units{0x68, 0}), Units(out, out + 2));
-  EXPECT_EQ(0, MultiByteToWideChar(kCodePageUtf8, 0, nullptr, -1, out, 3));
-  EXPECT_EQ(0x68, out[0]);
-  // Characters beyond 16 bits keep their low bits.
-  EXPECT_EQ((Units{0xF600}), ToWide(kCodePageUtf8, "\xF0\x9F\x98\x80"));
 }
 
 TEST(CodePageConversion, RoundTripsThroughUtf8AndUtf7CodePageTriesUtf7First) {
@@ -114,51 +106,31 @@ TEST(CodePageFallback, FirstSetThatTakesTheTextWins) {
   EXPECT_EQ((Units{0x93, 0xFA, 0x96, 0x7B}), ToWide(932, "\x93\xFA\x96\x7B"));
 }
 
-TEST(ConvertUnicodeGeneric, WidensSignExtendedAndNarrowsToTheLowBits) {
-  unsigned short wide[2];
+// char is widened sign-extended, wider units narrowed to their low bits;
+// 16-bit text goes through the code page where it converts.
+TEST(ConvertUnicode, WidensSignExtendedNarrowsToTheLowBitsAndPrefersTheCodePage) {
+  unsigned short wide[4];
   ConvertUnicodeGeneric<char, unsigned short>("\xE9", wide, -1);
   EXPECT_EQ(0xFFE9, wide[0]);
   const unsigned short units[] = {0x4142, 0xFFE9, 0};
-  char narrow[3];
+  char narrow[8];
   ConvertUnicodeGeneric<unsigned short, char>(units, narrow, 1);
   EXPECT_STREQ("B", narrow);
   EXPECT_EQ(nullptr, (ConvertUnicodeGeneric<unsigned short, char>(nullptr, narrow, -1)));
-  EXPECT_STREQ("B", narrow);
-}
+  const unsigned short accented[] = {0xE9, 0}, lone[] = {'x', 0xD841, 0};
+  ConvertUnicode<unsigned short, char>(accented, narrow, -1);
+  EXPECT_STREQ("\xC3\xA9", narrow);
+  ConvertUnicode<unsigned short, char>(lone, narrow, -1);
+  EXPECT_STREQ("xA", narrow) << "a lone surrogate converts nowhere and is narrowed";
 
-TEST(ConvertUnicode, SixteenBitTextGoesThroughTheCodePageElseIsNarrowed) {
-  const unsigned short accented[] = {0xE9, 0};
-  char out[8];
-  ConvertUnicode<unsigned short, char>(accented, out, -1);
-  EXPECT_STREQ("\xC3\xA9", out);
-  // A lone surrogate converts nowhere, so D841 is narrowed to A.
-  const unsigned short lone[] = {'x', 0xD841, 0};
-  ConvertUnicode<unsigned short, char>(lone, out, -1);
-  EXPECT_STREQ("xA", out);
-}
-
-TEST(ConvertUnicodeToMultiByte, AllocatesOrFillsTheGivenBuffer) {
-  const wchar_t accented[] = {'h', 0xE9, 0};
-  std::unique_ptr<char[]> made(ConvertUnicodeToMultiByte<wchar_t>(kCodePageUtf8, accented, nullptr, -1));
-  ASSERT_NE(nullptr, made);
+  const wchar_t hAccent[] = {'h', 0xE9, 0};
+  std::unique_ptr<char[]> made(ConvertUnicodeToMultiByte<wchar_t>(kCodePageUtf8, hAccent, nullptr, -1));
   EXPECT_STREQ("h\xC3\xA9", made.get());
-  char given[8];
-  EXPECT_EQ(given, ConvertUnicodeToMultiByte<wchar_t>(kCodePageUtf8, accented, given, -1));
-  // char text is widened sign-extended first: the byte E9 becomes U+FFE9.
   std::unique_ptr<char[]> fromChar(ConvertUnicodeToMultiByte<char>(kCodePageUtf8, "\xE9", nullptr, -1));
   EXPECT_STREQ("\xEF\xBF\xA9", fromChar.get());
-  const unsigned short lone[] = {0xD800, 0};
-  EXPECT_EQ(nullptr, ConvertUnicodeToMultiByte<unsigned short>(kCodePageUtf8, lone, given, -1));
-}
-
-TEST(ConvertUnicodeFromMultiByte, DecodesIntoEachCharacterType) {
-  std::unique_ptr<wchar_t[]> full(ConvertUnicodeFromMultiByte<wchar_t>(0, "xyz", nullptr, -1));
-  ASSERT_NE(nullptr, full);
-  EXPECT_EQ(std::wstring(L"xyz"), std::wstring(full.get()));
-  unsigned short wide[4];
+  EXPECT_EQ(nullptr, ConvertUnicodeToMultiByte<unsigned short>(kCodePageUtf8, lone + 1, narrow, -1));
   EXPECT_EQ(wide, ConvertUnicodeFromMultiByte<unsigned short>(kCodePageUtf8, "h\xC3\xA9", wide, -1));
   EXPECT_EQ((Units{0x68, 0xE9}), UnitsOf(wide));
-  char narrow[4];
   ConvertUnicodeFromMultiByte<char>(kCodePageUtf8, "h\xC3\xA9", narrow, -1);
   EXPECT_STREQ("h\xE9", narrow);
 }
