@@ -5,8 +5,6 @@
 #include <stdlib.h>
 
 #include <initializer_list>
-#include <string>
-#include <vector>
 
 #include "aspi/srb.h"
 #include "discovery/init.h"

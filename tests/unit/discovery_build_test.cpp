@@ -8,9 +8,6 @@
 #include <linux/cdrom.h>
 #include <stdint.h>
 
-#include <string>
-#include <vector>
-
 #include "device/registry_internal.h"
 #include "discovery/init.h"
 #include "discovery/init_internal.h"

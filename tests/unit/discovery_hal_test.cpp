@@ -3,8 +3,6 @@
 // and the HAL locks a purge gives back.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "aspi/srb.h"
 #include "device/registry_internal.h"
 #include "discovery/hal.h"

@@ -4,9 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "aspi/srb.h"
 #include "device/registry_internal.h"

@@ -3,9 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "device/registry_internal.h"
 #include "discovery/init_internal.h"
 #include "discovery/scan_internal.h"

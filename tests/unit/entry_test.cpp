@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include "aspi/srb.h"
-#include "device/registry.h"
 #include "device/registry_internal.h"
 
 namespace {

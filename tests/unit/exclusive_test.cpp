@@ -6,9 +6,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "aspi/srb.h"
 #include "device/open.h"
@@ -18,9 +16,7 @@
 #include "discovery/init_internal.h"
 #include "runtime/os.h"
 #include "tests/doubles/hal_double_control.h"
-#include "tests/fixture/emulated_drive.h"
 #include "tests/fixture/machines.h"
-#include "tests/fixture/world.h"
 #include "tests/unit/watchdog.h"
 
 namespace {

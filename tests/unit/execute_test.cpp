@@ -7,9 +7,7 @@
 #include <string.h>
 
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "aspi/execute_internal.h"
 #include "device/registry_internal.h"

@@ -2,13 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "discovery/hal.h"
 #include "tests/doubles/hal_double_control.h"
-#include "tests/fixture/world.h"
 #include "tests/unit/watchdog.h"
 
 namespace {

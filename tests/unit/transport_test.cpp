@@ -3,13 +3,10 @@
 #include <scsi/sg.h>
 #include <string.h>
 
-#include <vector>
-
 #include "device/transport.h"
 #include "gtest/gtest.h"
 #include "runtime/os.h"
 #include "tests/fixture/emulated_drive.h"
-#include "tests/fixture/world.h"
 
 namespace {
 
