@@ -87,16 +87,17 @@ TEST_F(AspitoolWithDrives, RefusesMalformedArgumentsAndMissingDevices) {
 TEST_F(AspitoolWithDrives, ScanListsEveryDeviceWithItsInquiryData) {
   ToolRun run = Run({"scan"});
   EXPECT_EQ(ASPITOOL_OK, run.status);
-  EXPECT_EQ("4 host adapters\n"
-            "adapter 0: ide-cdrom (IDE adapter)\n"
-            "  0:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
-            "adapter 1: ata_piix (emulated SCSI host)\n"
-            "  1:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
-            "adapter 2: unknown (no adapter at this number)\n"
-            "  no devices\n"
-            "adapter 3: sym53c8xx (real SCSI host)\n"
-            "  3:4:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n",
-            run.out);
+  EXPECT_EQ(
+      "4 host adapters\n"
+      "adapter 0: ide-cdrom\n"
+      "  0:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
+      "adapter 1: ata_piix\n"
+      "  1:0:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n"
+      "adapter 2: unknown\n"
+      "  no devices\n"
+      "adapter 3: sym53c8xx\n"
+      "  3:4:0  CD/DVD          KAVO      EMULATED DRIVE    1.00\n",
+      run.out);
   EXPECT_EQ("", run.err);
 }
 
@@ -137,24 +138,26 @@ TEST_F(AspitoolWithDrives, ReadAndTocReportWhereAndWhyTheyFailed) {
   EXPECT_TRUE(good.out == Blocks(*machine.emulatedCd, 3, 2));
   ToolRun run = Run({"read", "1:0:0", "14", "4"});
   EXPECT_EQ(ASPITOOL_FAILED, run.status);
-  EXPECT_EQ("aspitool: READ(10) of 1:0:0 at LBA 14 failed: ASPI status 0x04 (completed with error), sense key 0x5 "
-            "(ILLEGAL REQUEST), ASC/ASCQ 21/00 (logical block address out of range)\n",
-            run.err);
+  EXPECT_EQ(
+      "aspitool: READ(10) of 1:0:0 at LBA 14 failed: ASPI status 0x04 (completed with error), sense key 0x5 "
+      "(ILLEGAL REQUEST), ASC/ASCQ 21/00 (logical block address out of range)\n",
+      run.err);
   EXPECT_EQ(0u, Run({"read", "1:0:0", "0", "1", "/nonexistent/out.bin"})
                     .err.find("aspitool: cannot open \"/nonexistent/out.bin\" for writing: "));
   machine.ideDvd->drive().FailNextWithSense(0x02, 0x3A, 0x00);
-  EXPECT_EQ("aspitool: READ TOC of 0:0:0 failed: ASPI status 0x04 (completed with error), sense key 0x2 (NOT READY), "
-            "ASC/ASCQ 3A/00 (medium not present)\n",
-            Run({"toc", "0:0:0"}).err);
+  EXPECT_EQ(
+      "aspitool: READ TOC of 0:0:0 failed: ASPI status 0x04 (completed with error), sense key 0x2 (NOT READY), "
+      "ASC/ASCQ 3A/00 (medium not present)\n",
+      Run({"toc", "0:0:0"}).err);
   EXPECT_EQ((std::vector<unsigned char>{0x43, 0, 0, 0, 0, 0, 0, 0x03, 0x24, 0, 0, 0}),
             machine.ideDvd->drive().Commands().back().cdb);
 }
 
 TEST(AspitoolToc, ListsTracksAndLeadOut) {
-  const unsigned char toc[] = {0x00, 0x1A, 1, 2,                                  // 26 bytes follow: 3 descriptors
-                               0, 0x10, 1, 0, 0x00, 0x00, 0x00, 0x00,             // audio track 1 at 0
-                               0, 0x14, 2, 0, 0x00, 0x00, 0x30, 0x39,             // data track 2 at 12345
-                               0, 0x14, 0xAA, 0, 0x00, 0x01, 0x86, 0xA0,          // lead-out at 100000
+  const unsigned char toc[] = {0x00, 0x1A, 1,    2,                              // 26 bytes follow: 3 descriptors
+                               0,    0x10, 1,    0,    0x00, 0x00, 0x00, 0x00,   // audio track 1 at 0
+                               0,    0x14, 2,    0,    0x00, 0x00, 0x30, 0x39,   // data track 2 at 12345
+                               0,    0x14, 0xAA, 0,    0x00, 0x01, 0x86, 0xA0,   // lead-out at 100000
                                0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};  // beyond the stated length
   char* text = nullptr;
   size_t size = 0;

@@ -1,8 +1,7 @@
 // Exclusive mode: holds against /etc/mtab, nesting, HAL locks, the purge of
 // a rebuild, and sets racing rescans.
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -219,8 +218,10 @@ TEST(ExclusiveRace, SetsAndUnsetsRacingRescansNeverDeadlock) {
     std::thread requests([&] {
       while (!applicationDone) {
         const int fd = SCSI_OpenDevice(0, 0, 0, 0, 0, nullptr);  // /dev/hdb
-        if (fd == -1) ++failures;
-        else kavo::os::Close(fd), ++opens;
+        if (fd == -1)
+          ++failures;
+        else
+          kavo::os::Close(fd), ++opens;
         std::this_thread::sleep_for(std::chrono::microseconds(50));
       }
     });

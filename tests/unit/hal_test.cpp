@@ -1,10 +1,11 @@
 // The HAL layer against the HAL double, loaded through the real dlopen path.
+#include "discovery/hal.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <thread>
 
-#include "discovery/hal.h"
 #include "tests/doubles/hal_double_control.h"
 #include "tests/unit/watchdog.h"
 
@@ -152,7 +153,8 @@ TEST_F(HalLayerTest, LockAndUnlockSendTheHalDeviceMethods) {
   EXPECT_TRUE(libhal_support_lock_device(kDrive0));
   EXPECT_TRUE(libhal_support_unlock_device(kDrive0));
   const std::string device = std::string("org.freedesktop.Hal ") + kDrive0 + " org.freedesktop.Hal.Device.";
-  EXPECT_EQ((std::vector<std::string>{device + "Lock \"Locked by KavoAPI\"", device + "Unlock"}), Describe(hal_.Sent()));
+  EXPECT_EQ((std::vector<std::string>{device + "Lock \"Locked by KavoAPI\"", device + "Unlock"}),
+            Describe(hal_.Sent()));
 
   EXPECT_FALSE(libhal_support_lock_device(nullptr));
   for (HalDoubleStep step : {HAL_DOUBLE_METHOD_CALL, HAL_DOUBLE_APPEND_ARGS, HAL_DOUBLE_NEW_MESSAGE}) {

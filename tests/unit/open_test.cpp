@@ -1,5 +1,7 @@
 // Opening registered devices, the descriptor cache, device locks, and the
 // unmount chain that precedes an exclusive open.
+#include "device/open.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <scsi/sg.h>
@@ -8,7 +10,6 @@
 #include <chrono>
 #include <thread>
 
-#include "device/open.h"
 #include "device/registry_internal.h"
 #include "device/unmount_internal.h"
 #include "gtest/gtest.h"
@@ -33,8 +34,9 @@ TEST_F(OpenTest, FlagsFollowTheNodeKindAndOnlyGenericNodesArePrepared) {
   struct Case {
     const char* path;
     int flags;
-  } cases[] = {{"/dev/sg3", O_RDWR}, {"/dev/hdc", O_RDWR | O_NONBLOCK}, {"/dev/scd0", O_RDONLY},
-               {"sg1", O_RDONLY},    {"/dev/s", O_RDONLY},               {"/dev/", O_RDONLY}};
+  } cases[] = {{"/dev/sg3", O_RDWR},    {"/dev/hdc", O_RDWR | O_NONBLOCK},
+               {"/dev/scd0", O_RDONLY}, {"sg1", O_RDONLY},
+               {"/dev/s", O_RDONLY},    {"/dev/", O_RDONLY}};
   int target = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
@@ -48,8 +50,9 @@ TEST_F(OpenTest, FlagsFollowTheNodeKindAndOnlyGenericNodesArePrepared) {
     std::vector<std::pair<unsigned long, int>> prepared;
     for (const fixture::IoctlRecord& record : world_.Ioctls()) prepared.emplace_back(record.request, record.value);
     if (c.flags == O_RDWR)
-      EXPECT_EQ((std::vector<std::pair<unsigned long, int>>{{SG_SET_RESERVED_SIZE, 131072}, {SG_SET_TIMEOUT, 10800000}}),
-                prepared);
+      EXPECT_EQ(
+          (std::vector<std::pair<unsigned long, int>>{{SG_SET_RESERVED_SIZE, 131072}, {SG_SET_TIMEOUT, 10800000}}),
+          prepared);
     else
       EXPECT_TRUE(prepared.empty());
     kavo::os::Close(fd);

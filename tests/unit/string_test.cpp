@@ -1,11 +1,11 @@
 // CBasicString's growth rule, formatting limit and self-references, and the
 // comparison that orders the device maps.
+#include "runtime/string.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
 #include <string>
-
-#include "runtime/string.h"
 
 namespace {
 
@@ -49,9 +49,9 @@ TEST(UnicodeStringCmp, EndOfStringDecidesBeforeCharacters) {
   const struct {
     const char *left, *right;
     int count, result;
-  } rows[] = {{"b", "ab", -1, -1},   {"ab", "b", -1, 1},       {"a", "ab", -1, -1},       {"abc", "abc", -1, 0},
-              {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0},     {"x", "y", 0, 0},          {"x", "y", -2, 0},
-              {nullptr, "", -1, -1},  {"", nullptr, -1, 1},     {nullptr, nullptr, -1, 0}, {"", "a", -1, -1},
+  } rows[] = {{"b", "ab", -1, -1},    {"ab", "b", -1, 1},   {"a", "ab", -1, -1},       {"abc", "abc", -1, 0},
+              {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0}, {"x", "y", 0, 0},          {"x", "y", -2, 0},
+              {nullptr, "", -1, -1},  {"", nullptr, -1, 1}, {nullptr, nullptr, -1, 0}, {"", "a", -1, -1},
               {"\xE9", "e", -1, -1}};  // bytes above 0x7F sort before ASCII
   for (const auto& row : rows) {
     SCOPED_TRACE(::testing::Message() << (row.left ? row.left : "null") << " " << (row.right ? row.right : "null")

@@ -1,13 +1,13 @@
 // The synchronisation objects across real threads: timed waits that wake on
 // release, recursion and ownership, manual- and auto-reset events.
+#include "runtime/sync.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
-
-#include "runtime/sync.h"
 
 namespace {
 

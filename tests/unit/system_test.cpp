@@ -37,8 +37,9 @@ TEST_F(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
   } rows[] = {
       {{{"/etc/lsb-release", "DISTRIB_ID=Ubuntu\nDISTRIB_RELEASE=6.06\nDISTRIB_CODENAME=dapper\n"}},
        "Linux (Ubuntu 6.06 'dapper')"},
-      {{{"/etc/lsb-release", "DISTRIB_ID=Debian\nDISTRIB_ID=  Ubuntu \t\r\ndistrib_release=1\n DISTRIB_RELEASE=2\n"
-                             "DISTRIB_RELEASE= 8.04\nDISTRIB_CODENAME=\n"}},
+      {{{"/etc/lsb-release",
+         "DISTRIB_ID=Debian\nDISTRIB_ID=  Ubuntu \t\r\ndistrib_release=1\n DISTRIB_RELEASE=2\n"
+         "DISTRIB_RELEASE= 8.04\nDISTRIB_CODENAME=\n"}},
        "Linux (Ubuntu 8.04)"},
       {{{"/etc/lsb-release", padded + "DISTRIB_RELEASE=9\n"}}, "Linux (Ubuntu 9)"},
       {{{"/etc/lsb-release", padded.substr(0, 1022) + "DISTRIB_RELEASE=9\n"}}, "Linux"},

@@ -1,9 +1,10 @@
 // The SG transport against the emulated generic driver.
+#include "device/transport.h"
+
 #include <fcntl.h>
 #include <scsi/sg.h>
 #include <string.h>
 
-#include "device/transport.h"
 #include "gtest/gtest.h"
 #include "runtime/os.h"
 #include "tests/fixture/emulated_drive.h"
@@ -38,9 +39,9 @@ class TransportTest : public ::testing::Test {
     request.insert(request.end(), dataOut.begin(), dataOut.end());
     reply.assign(kHeader + dataIn, 0xEE);
     reinterpret_cast<sg_header*>(request.data())->reply_len = static_cast<int>(reply.size());
-    return SCSI_LinuxDeviceIo(fd_, reinterpret_cast<sg_header*>(request.data()), static_cast<unsigned int>(request.size()),
-                              reinterpret_cast<sg_header*>(reply.data()), static_cast<unsigned int>(reply.size()),
-                              &bytesRead);
+    return SCSI_LinuxDeviceIo(fd_, reinterpret_cast<sg_header*>(request.data()),
+                              static_cast<unsigned int>(request.size()), reinterpret_cast<sg_header*>(reply.data()),
+                              static_cast<unsigned int>(reply.size()), &bytesRead);
   }
 
   fixture::FixtureWorld world_;
