@@ -135,13 +135,4 @@ TEST(ConvertUnicode, WidensSignExtendedNarrowsToTheLowBitsAndPrefersTheCodePage)
   EXPECT_STREQ("h\xE9", narrow);
 }
 
-TEST(UnicodeStrCpy, CopiesAtMostCountAndAppendsBehindTheTerminator) {
-  char dst[8] = "zzzzzzz";
-  UnicodeStrCpy<char>(dst, "abcdef", 3);
-  EXPECT_STREQ("abc", dst);
-  UnicodeStrCpy<char>(dst, "ab", -1);
-  UnicodeStrCat<char>(dst, "cd");
-  EXPECT_STREQ("abcd", dst);
-}
-
 }  // namespace

@@ -49,15 +49,6 @@ class Aspitool : public ::testing::Test {
   fixture::FixtureWorld::Scope scope{world};
 };
 
-TEST_F(Aspitool, RefusesUnknownCommandsAndSaysSoWhenThereAreNoAdapters) {
-  ToolRun unknown = Run({"eject", "0:0:0"});
-  EXPECT_EQ(ASPITOOL_USAGE, unknown.status);
-  EXPECT_EQ("aspitool: unknown command \"eject\"; aspitool --help lists the commands\n", unknown.err);
-  fixture::BuildMachineWithoutDrives(world);
-  SCSI_Init();
-  EXPECT_EQ("No host adapters found: the library reaches no CD/DVD drive on this machine.\n", Run({"scan"}).out);
-}
-
 class AspitoolWithDrives : public Aspitool {
  protected:
   void SetUp() override {
@@ -76,14 +67,6 @@ class AspitoolWithDrives : public Aspitool {
   fixture::DriveMachine machine;
 };
 
-TEST_F(AspitoolWithDrives, RefusesMalformedArgumentsAndMissingDevices) {
-  for (const char* address : {"1:2", "1:2:3:4", "a:0:0", "256:0:0", "-1:0:0", "1::0", "1:0:0x"})
-    EXPECT_EQ(0u, Run({"inquiry", address}).err.find("aspitool: bad device address")) << address;
-  for (const char* count : {"0", "-1", "+1"}) EXPECT_EQ(ASPITOOL_USAGE, Run({"read", "2:0:0", "1", count}).status);
-  EXPECT_EQ(ASPITOOL_USAGE, Run({"read", "2:0:0", "4294967295", "2"}).status);
-  EXPECT_EQ("aspitool: INQUIRY of 2:0:0 failed: ASPI status 0x82 (no device)\n", Run({"inquiry", "2:0:0"}).err);
-}
-
 TEST_F(AspitoolWithDrives, ScanListsEveryDeviceWithItsInquiryData) {
   ToolRun run = Run({"scan"});
   EXPECT_EQ(ASPITOOL_OK, run.status);
@@ -101,15 +84,16 @@ TEST_F(AspitoolWithDrives, ScanListsEveryDeviceWithItsInquiryData) {
   EXPECT_EQ("", run.err);
 }
 
-TEST_F(AspitoolWithDrives, InquiryShowsTheDeviceOrWhyItFailed) {
-  EXPECT_NE(std::string::npos, Run({"inquiry", "3:4:0"}).out.find("  ANSI version      5\n  vendor            KAVO\n"));
-  EXPECT_NE(std::string::npos, Run({"inquiry", "1:0:0"}).out.find("  ANSI version      0\n")) << "emulated host";
+// A failed INQUIRY is shown in words in the scan, and the version behind an
+// emulated host as the library corrects it.
+TEST_F(AspitoolWithDrives, ScanAndInquiryShowFailuresAndTheEmulatedHostsVersion) {
+  EXPECT_NE(std::string::npos, Run({"inquiry", "1:0:0"}).out.find("  ANSI version      0\n"));
   machine.scsiCd->drive().FailNextWithSense(0x04, 0x44, 0x00);
-  ToolRun scan = Run({"scan"});
-  EXPECT_NE(std::string::npos,
-            scan.out.find("  3:4:0  INQUIRY failed: ASPI status 0x04 (completed with error), sense key 0x4 "
-                          "(HARDWARE ERROR), ASC/ASCQ 44/00\n"))
-      << scan.out;
+  const std::string scan = Run({"scan"}).out;
+  EXPECT_NE(std::string::npos, scan.find("  3:4:0  INQUIRY failed: ASPI status 0x04 (completed with error), sense key "
+                                         "0x4 (HARDWARE ERROR), ASC/ASCQ 44/00\n"))
+      << scan;
+  EXPECT_EQ("aspitool: INQUIRY of 2:0:0 failed: ASPI status 0x82 (no device)\n", Run({"inquiry", "2:0:0"}).err);
 }
 
 TEST_F(AspitoolWithDrives, ReadWritesTheBlocksToAFileInRequestsTheAdapterAllows) {

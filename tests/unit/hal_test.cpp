@@ -47,16 +47,6 @@ class HalLayerTest : public ::testing::Test {
   HalDouble hal_;
 };
 
-TEST(HalWithoutLibrary, EveryCallReportsUnavailable) {
-  fixture::FixtureWorld world;
-  fixture::FixtureWorld::Scope scope(world);
-  EXPECT_FALSE(libhal_support_init());
-  EXPECT_TRUE(libhal_support_done());
-  EXPECT_FALSE(libhal_support_is_available());
-  EXPECT_EQ(nullptr, libhal_support_get_block_device(kDrive0));
-  EXPECT_FALSE(libhal_support_lock_device(kDrive0));
-}
-
 TEST_F(HalLayerTest, StartsOnTheSystemBusAndShutsDown) {
   ASSERT_TRUE(libhal_support_init());
   EXPECT_TRUE(libhal_support_is_available());
