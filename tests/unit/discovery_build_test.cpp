@@ -1,16 +1,14 @@
 // The registry that a build makes of whole machines: adapter numbering
 // across the IDE and SCSI passes, adapter names from sysfs and /proc/scsi,
-// block nodes, and rebuilds that find a different machine.
+// block nodes, rebuilds that find a different machine, and the node walk.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <limits.h>
-#include <linux/cdrom.h>
-#include <stdint.h>
 
 #include "device/registry_internal.h"
 #include "discovery/init.h"
 #include "discovery/init_internal.h"
+#include "discovery/scan_internal.h"
 #include "tests/fixture/machines.h"
 
 namespace {
@@ -140,24 +138,6 @@ TEST_F(IdePass, LeavesOutDrivesThatCannotBeReached) {
   EXPECT_EQ(0, world.OpenDescriptorCount());
 }
 
-// Records the slot argument of each drive-status request.
-class SlotRecordingDrive : public fixture::DeviceNode {
- public:
-  int OnIoctl(int, unsigned long request, void* argument) override {
-    slots.push_back(request == CDROM_DRIVE_STATUS ? static_cast<int>(reinterpret_cast<intptr_t>(argument)) : -1);
-    return CDS_DISC_OK;
-  }
-  std::vector<int> slots;
-};
-
-TEST_F(IdePass, AsksTheDriveStatusOfTheCurrentSlot) {
-  world.AddFile("/proc/ide/ide0/hda/driver", "ide-cdrom version 4.61\n");
-  auto drive = std::make_shared<SlotRecordingDrive>();
-  world.AddNode("/dev/hda", drive);
-  SCSI_BuildRegistry();
-  EXPECT_EQ((std::vector<int>{CDSL_CURRENT}), drive->slots);
-}
-
 class ScsiHostPass : public IdePass {};
 
 TEST_F(ScsiHostPass, NamesFromSysfsLinesLikeFgets) {
@@ -198,6 +178,66 @@ TEST_F(ScsiHostPass, FirstNodeOfAHostDecidesItsAdapterAndBlockNodesNameRegistere
   EXPECT_EQ((Lines{"h01c00t00d00 /dev/sg0 /dev/scd0", "h01c00t01d00 /dev/sg1", "h01c02t05d03 /dev/sg2"}),
             DescribeDevices());
   EXPECT_EQ(2, ControllerCount);
+}
+
+// The node walk's limits and the presence probe built on it.
+class NodeWalk : public IdePass {
+ protected:
+  // The nodes a walk over /dev/sg hands on; it stops at stopTarget.
+  Lines Walk(int stopTarget = -1) {
+    Lines taken;
+    SCSI_WalkDeviceNodes(SCSI_MakeSgDeviceName, O_RDONLY, [&](int, char const* path, const SCSI_NodeAddress& at) {
+      taken.push_back(path);
+      return at.target == stopTarget;
+    });
+    EXPECT_EQ(0, world.OpenDescriptorCount());
+    return taken;
+  }
+  std::string LastOpened() const { return world.Opens().back().path; }
+};
+
+TEST_F(NodeWalk, EndsAfterSixteenFailuresCountedOverTheWholeWalk) {
+  for (int n : {0, 1, 2, 12}) fixture::AddGenericNode(world, n, 0, 0, n, 0);
+  fixture::AddGenericNode(world, 20, 0, 0, 20, 0);
+  EXPECT_EQ((Lines{"/dev/sg0", "/dev/sg1", "/dev/sg2", "/dev/sg12"}), Walk());
+  EXPECT_EQ("/dev/sg19", LastOpened()) << "nine failures before sg12, seven after";
+}
+
+TEST_F(NodeWalk, SkipsBusyAndForbiddenNodesButCountsSilentOnes) {
+  for (int n = 0; n < 6; ++n) {
+    fixture::AddGenericNode(world, n, 0, 0, n, 0);
+    world.FailOpen("/dev/sg" + std::to_string(n), n % 2 == 0 ? EBUSY : EACCES);
+  }
+  for (int n = 6; n < 30; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0)->answersAddress_ = n == 8;
+  EXPECT_EQ((Lines{"/dev/sg8"}), Walk());
+  EXPECT_EQ("/dev/sg22", LastOpened());
+}
+
+TEST_F(NodeWalk, VisitorCanEndTheWalk) {
+  for (int n = 0; n < 5; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0);
+  EXPECT_EQ(3u, Walk(2).size());
+  EXPECT_EQ("/dev/sg2", LastOpened());
+}
+
+TEST_F(NodeWalk, PresenceAnswersFromTheRegistryFirst) {
+  IdeAdapterCount = 2;
+  SCSI_RegisterDevice(SCSI_MakeDeviceKey(3, 0, 4, 0), SCSI_NewDeviceProperties("/dev/sg9"));
+  EXPECT_TRUE(SCSI_IsDevicePresent(1, 0, 4, 0)) << "Linux host 1 is ASPI adapter 3";
+  EXPECT_TRUE(world.Opens().empty());
+}
+
+TEST_F(NodeWalk, PresenceFindsUnregisteredNodesByTheirWholeAddress) {
+  fixture::AddGenericNode(world, 0, 0, 0, 0, 0);
+  fixture::AddGenericNode(world, 1, 2, 1, 3, 4);
+  SCSI_RegisterAdapter(0, "ide-scsi", 1);
+  EXPECT_TRUE(SCSI_IsDevicePresent(2, 1, 3, 4));
+  EXPECT_EQ(O_RDONLY | O_NONBLOCK, world.Opens().back().flags);
+  EXPECT_FALSE(SCSI_IsDevicePresent(2, 0, 3, 4));
+  EXPECT_FALSE(SCSI_IsDevicePresent(0, 0, 0, 0)) << "an ide-scsi node does not count";
+  IsKernel26 = 0;
+  EXPECT_TRUE(SCSI_IsDevicePresent(0, 0, 0, 0)) << "except before 2.6";
+  EXPECT_TRUE(DevicesMap.empty()) << "the probe registers nothing";
+  EXPECT_EQ(0, world.OpenDescriptorCount());
 }
 
 }  // namespace

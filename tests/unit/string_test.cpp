@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
 namespace {
@@ -59,18 +58,6 @@ TEST(UnicodeStringCmp, EndOfStringDecidesBeforeCharacters) {
     EXPECT_EQ(row.result, UnicodeStringCmp<char>(row.left, row.right, row.count));
   }
   EXPECT_EQ(0u, UnicodeStringLen<char>(nullptr));
-}
-
-TEST(UnicodeStringCmp, OrdersDeviceKeysNumerically) {
-  std::map<CBasicString<char>, int> keys;
-  for (int adapter : {12, 2, 0, 4}) {
-    CBasicString<char> deviceKey;
-    deviceKey.Format("h%02dc%02dt%02dd%02d", adapter, 0, 1, 0);
-    keys[deviceKey] = adapter;
-  }
-  std::string order;
-  for (const auto& entry : keys) order += std::to_string(entry.second) + " ";
-  EXPECT_EQ("0 2 4 12 ", order);
 }
 
 }  // namespace
