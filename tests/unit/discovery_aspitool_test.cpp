@@ -62,8 +62,11 @@ class AspitoolWithDrives : public Aspitool {
 
 TEST_F(AspitoolWithDrives, ScanListsEveryDeviceWithItsInquiryData) {
   const std::string drive = "  CD/DVD          KAVO      EMULATED DRIVE    1.00\n";
-  EXPECT_EQ("4 host adapters\nadapter 0: ide-cdrom\n  0:0:0" + drive + "adapter 1: ata_piix\n  1:0:0" + drive +
-                "adapter 2: unknown\n  no devices\nadapter 3: sym53c8xx\n  3:4:0" + drive,
+  EXPECT_EQ("4 host adapters\nadapter 0: ide-cdrom (IDE adapter)\n  0:0:0" + drive +
+                "adapter 1: ata_piix (emulated SCSI host)\n  1:0:0" + drive +
+                "adapter 2: unknown (no adapter at this number)\n  no devices\n"
+                "adapter 3: sym53c8xx (real SCSI host)\n  3:4:0" +
+                drive,
             Run({"scan"}).out);
 }
 
