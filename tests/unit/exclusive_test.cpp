@@ -1,5 +1,5 @@
-// Exclusive mode: holds against /etc/mtab, nesting, HAL locks, the purge of
-// a rebuild, and sets racing rescans.
+// Exclusive mode: holds and their nesting, HAL locks, and sets racing
+// rescans.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -149,28 +149,6 @@ TEST_F(ExclusiveTest, SetWaitingForARescanHoldsNoMapLock) {
   EXPECT_EQ(1, openedMapFree);
   EXPECT_EQ(0, result.load());
   EXPECT_EQ(0, ASPI_unsetExclusiveMode(0, 0));
-}
-
-// The unset that ends a rescan's wait must never wait for the rescan: it
-// does not take RescanLock at all.
-TEST_F(ExclusiveTest, UnsetDoesNotWaitForRescanLock) {
-  ASSERT_EQ(0, ASPI_setExclusiveMode(0, 0));
-  std::atomic<bool> rescanLockHeld(false), release(false);
-  std::thread rescan([&] {
-    RescanLock.Lock(0xFFFFFFFF);
-    rescanLockHeld = true;
-    while (!release) std::this_thread::yield();
-    RescanLock.Unlock();
-  });
-  while (!rescanLockHeld) std::this_thread::yield();
-  std::atomic<int> result(1);
-  const bool finished = FinishesWithin(std::chrono::seconds(10), [&result] { result = ASPI_unsetExclusiveMode(0, 0); });
-  release = true;
-  rescan.join();
-  EXPECT_TRUE(finished);
-  while (result.load() == 1) std::this_thread::yield();
-  EXPECT_EQ(0, result.load());
-  EXPECT_EQ(0u, HeldEntries());
 }
 
 // Sets, nested sets and unsets on one thread against rescans on another and
