@@ -138,9 +138,7 @@ TEST_F(IdePass, LeavesOutDrivesThatCannotBeReached) {
   EXPECT_EQ(0, world.OpenDescriptorCount());
 }
 
-class ScsiHostPass : public IdePass {};
-
-TEST_F(ScsiHostPass, NamesFromSysfsLinesLikeFgets) {
+TEST_F(IdePass, NamesFromSysfsLinesLikeFgets) {
   fixture::AddSysfsHost(world, 0, "");
   fixture::AddSysfsHost(world, 1, std::string(70, 'x') + "\n");
   fixture::AddSysfsHost(world, 2, "qla2xxx\nsecond line\n");
@@ -152,7 +150,7 @@ TEST_F(ScsiHostPass, NamesFromSysfsLinesLikeFgets) {
   EXPECT_STREQ("unknown", SCSI_GetAdapterName(3)) << "no proc_name file";
 }
 
-TEST_F(ScsiHostPass, OldKernelTakesTheLastDriverDirectoryListingTheHost) {
+TEST_F(IdePass, OldKernelTakesTheLastDriverDirectoryListingTheHost) {
   IsKernel26 = 0;
   world.AddFile("/proc/scsi/aic7xxx/0", "");
   world.AddFile("/proc/scsi/usb-storage/0", "");
@@ -166,7 +164,7 @@ TEST_F(ScsiHostPass, OldKernelTakesTheLastDriverDirectoryListingTheHost) {
   EXPECT_STREQ("unknown", SCSI_GetAdapterName(1)) << "\"10\" does not list host 1; sysfs is not read";
 }
 
-TEST_F(ScsiHostPass, FirstNodeOfAHostDecidesItsAdapterAndBlockNodesNameRegisteredDevicesOnly) {
+TEST_F(IdePass, FirstNodeOfAHostDecidesItsAdapterAndBlockNodesNameRegisteredDevicesOnly) {
   fixture::AddSysfsHost(world, 1, "ahci\n");
   fixture::AddGenericNode(world, 0, 1, 0, 0, 0, 1);
   fixture::AddGenericNode(world, 1, 1, 0, 1, 0, 0);
@@ -201,6 +199,8 @@ TEST_F(NodeWalk, EndsAfterSixteenFailuresCountedOverTheWholeWalk) {
   fixture::AddGenericNode(world, 20, 0, 0, 20, 0);
   EXPECT_EQ((Lines{"/dev/sg0", "/dev/sg1", "/dev/sg2", "/dev/sg12"}), Walk());
   EXPECT_EQ("/dev/sg19", LastOpened()) << "nine failures before sg12, seven after";
+  EXPECT_EQ(3u, Walk(2).size()) << "the visitor can end the walk";
+  EXPECT_EQ("/dev/sg2", LastOpened());
 }
 
 TEST_F(NodeWalk, SkipsBusyAndForbiddenNodesButCountsSilentOnes) {
@@ -211,12 +211,6 @@ TEST_F(NodeWalk, SkipsBusyAndForbiddenNodesButCountsSilentOnes) {
   for (int n = 6; n < 30; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0)->answersAddress_ = n == 8;
   EXPECT_EQ((Lines{"/dev/sg8"}), Walk());
   EXPECT_EQ("/dev/sg22", LastOpened());
-}
-
-TEST_F(NodeWalk, VisitorCanEndTheWalk) {
-  for (int n = 0; n < 5; ++n) fixture::AddGenericNode(world, n, 0, 0, n, 0);
-  EXPECT_EQ(3u, Walk(2).size());
-  EXPECT_EQ("/dev/sg2", LastOpened());
 }
 
 TEST_F(NodeWalk, PresenceAnswersFromTheRegistryFirst) {
