@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <scsi/sg.h>
-#include <string.h>
 
 #include "gtest/gtest.h"
 #include "runtime/os.h"
@@ -31,20 +30,18 @@ class TransportTest : public ::testing::Test {
   }
   ~TransportTest() override { kavo::os::Close(fd_); }
 
-  // One exchange: header with reply_len, the CDB, data out; reply of
-  // 36 + dataIn bytes.
-  int Exchange(const std::vector<unsigned char>& cdb, const std::vector<unsigned char>& dataOut, unsigned int dataIn,
-               std::vector<unsigned char>& reply, unsigned int& bytesRead) {
-    std::vector<unsigned char> request(kHeader, 0);
-    request.insert(request.end(), cdb.begin(), cdb.end());
-    request.insert(request.end(), dataOut.begin(), dataOut.end());
-    reply.assign(kHeader + dataIn, 0xEE);
-    reinterpret_cast<sg_header*>(request.data())->reply_len = static_cast<int>(reply.size());
-    return SCSI_LinuxDeviceIo(fd_, reinterpret_cast<sg_header*>(request.data()),
-                              static_cast<unsigned int>(request.size()), reinterpret_cast<sg_header*>(reply.data()),
-                              static_cast<unsigned int>(reply.size()), &bytesRead);
+  // One INQUIRY exchange with room for dataIn bytes after the reply header.
+  int Exchange(unsigned int dataIn, unsigned int& bytesRead) {
+    unsigned char request[kHeader + 6] = {0};
+    request[kHeader] = 0x12;
+    reply_.assign(kHeader + dataIn, 0xEE);
+    reinterpret_cast<sg_header*>(request)->reply_len = static_cast<int>(reply_.size());
+    return SCSI_LinuxDeviceIo(fd_, reinterpret_cast<sg_header*>(request), sizeof request,
+                              reinterpret_cast<sg_header*>(reply_.data()), static_cast<unsigned int>(reply_.size()),
+                              &bytesRead);
   }
 
+  std::vector<unsigned char> reply_;
   fixture::FixtureWorld world_;
   fixture::FixtureWorld::Scope scope_;
   std::shared_ptr<fixture::SgNode> node_;
@@ -58,19 +55,18 @@ class DeafNode : public fixture::DeviceNode {
 };
 
 TEST_F(TransportTest, ShortOrFailedWritesAndReadsFail) {
-  std::vector<unsigned char> reply;
   unsigned int bytesRead = 77;
   node_->drive().FailNext(EmulatedDrive::Fault::ShortWrite);
-  EXPECT_EQ(0, Exchange({0x00, 0, 0, 0, 0, 0}, {}, 0, reply, bytesRead));
+  EXPECT_EQ(0, Exchange(0, bytesRead));
   EXPECT_EQ(0u, bytesRead);
-  EXPECT_EQ(0xEE, reply[0]);  // nothing was read
+  EXPECT_EQ(0xEE, reply_[0]);  // nothing was read
   node_->drive().FailNext(EmulatedDrive::Fault::ShortRead);
-  EXPECT_EQ(0, Exchange({0x12, 0, 0, 0, 36, 0}, {}, 36, reply, bytesRead));
+  EXPECT_EQ(0, Exchange(36, bytesRead));
   EXPECT_EQ(kHeader + 35, bytesRead);
   world_.AddNode("/dev/sg9", std::make_shared<DeafNode>());
   kavo::os::Close(fd_);
   fd_ = kavo::os::Open("/dev/sg9", O_RDWR);
-  EXPECT_EQ(0, Exchange({0x00, 0, 0, 0, 0, 0}, {}, 0, reply, bytesRead));
+  EXPECT_EQ(0, Exchange(0, bytesRead));
   EXPECT_EQ(0xFFFFFFFFu, bytesRead) << "a failed read stores all ones";
 }
 
