@@ -1,5 +1,7 @@
 #include "device/registry.h"
 
+#include <stdio.h>
+
 #include "device/registry_internal.h"
 #include "runtime/os.h"
 
@@ -34,10 +36,32 @@ void SCSI_AcquireDevicesMapLock() {
 
 void SCSI_ReleaseDevicesMapLock() { DevicesMapLock.Unlock(); }
 
+namespace {
+
+// "%02d" of value: the common case by hand, anything else through printf.
+char* PutTwoDigitField(char* out, int value) {
+  if (value < 0 || value > 99) return out + sprintf(out, "%02d", value);
+  out[0] = static_cast<char>('0' + value / 10);
+  out[1] = static_cast<char>('0' + value % 10);
+  return out + 2;
+}
+
+}  // namespace
+
+// "h%02dc%02dt%02dd%02d". Every request looks its device up several times,
+// so the key is put together without a printf pass.
 CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun) {
-  CBasicString<char> deviceKey;
-  deviceKey.Format("h%02dc%02dt%02dd%02d", host, channel, target, lun);
-  return deviceKey;
+  char text[64];
+  char* out = text;
+  *out++ = 'h';
+  out = PutTwoDigitField(out, host);
+  *out++ = 'c';
+  out = PutTwoDigitField(out, channel);
+  *out++ = 't';
+  out = PutTwoDigitField(out, target);
+  *out++ = 'd';
+  out = PutTwoDigitField(out, lun);
+  return CBasicString<char>(text, static_cast<int>(out - text));
 }
 
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {

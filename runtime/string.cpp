@@ -64,12 +64,12 @@ void CBasicString<T>::Reserve(int nCharacters) {
 
 template <typename T>
 void CBasicString<T>::SetFrom(T const* s, int len) {
-  m_pData = new T[kInitialCapacity]();
-  m_nCapacity = kInitialCapacity;
-  m_nLength = 0;
   if (len == -1) len = static_cast<int>(UnicodeStringLen(s));
   if (len < 0) len = 0;
-  Reserve(len);
+  // The 6-byte start grown once for len, allocated in one step: strings are
+  // made on every request's path (device keys), so no throw-away buffer.
+  m_nCapacity = kInitialCapacity >= len + 2 ? kInitialCapacity : 2 * len + 2;
+  m_pData = new T[m_nCapacity];
   if (len > 0) memcpy(m_pData, s, static_cast<size_t>(len) * sizeof(T));
   memset(m_pData + len, 0, static_cast<size_t>(m_nCapacity - len) * sizeof(T));
   m_nLength = len;
