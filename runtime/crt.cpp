@@ -24,6 +24,13 @@ int Fail(int code) {
   return code;
 }
 
+// A destination known to be usable is left holding an empty string.
+template <typename T>
+int EmptyAndFail(T* dst, int code) {
+  dst[0] = 0;
+  return Fail(code);
+}
+
 enum class CopyOutcome { Complete, Truncated, NoRoom };
 
 // Copies src into the room elements at dst: at most limit characters, then a
@@ -55,8 +62,7 @@ int ResultOf(CopyOutcome outcome, T* dst) {
     case CopyOutcome::NoRoom:
       break;
   }
-  dst[0] = 0;
-  return Fail(ERANGE);
+  return EmptyAndFail(dst, ERANGE);
 }
 
 // Index of the terminator among the first size elements, or size if none.
@@ -67,13 +73,19 @@ unsigned int TerminatorWithin(T const* str, unsigned int size) {
   return i;
 }
 
+// Appends at most limit characters of src behind dst's terminator, which
+// must lie within size.
+int AppendBounded(char* dst, unsigned int size, char const* src, unsigned int limit, bool truncates) {
+  const unsigned int length = TerminatorWithin(dst, size);
+  if (length == size) return EmptyAndFail(dst, EINVAL);
+  if (limit == 0) return 0;
+  return ResultOf(CopyBounded(dst + length, size - length, src, limit, truncates), dst);
+}
+
 template <typename T>
 int CopyString(T* dst, unsigned int size, T const* src) {
   if (dst == nullptr || size == 0) return Fail(EINVAL);
-  if (src == nullptr) {
-    dst[0] = 0;
-    return Fail(EINVAL);
-  }
+  if (src == nullptr) return EmptyAndFail(dst, EINVAL);
   return ResultOf(CopyBounded(dst, size, src, UINT_MAX, false), dst);
 }
 
@@ -86,19 +98,13 @@ int CopyStringCounted(T* dst, unsigned int size, T const* src, unsigned int coun
     return 0;
   }
   if (dst == nullptr || size == 0) return Fail(EINVAL);
-  if (src == nullptr) {
-    dst[0] = 0;
-    return Fail(EINVAL);
-  }
+  if (src == nullptr) return EmptyAndFail(dst, EINVAL);
   return ResultOf(CopyBounded(dst, size, src, count, count == kTruncateCount), dst);
 }
 
 int ChangeCase(char* str, unsigned int size, char* (*change)(char*)) {
   if (str == nullptr || size == 0) return Fail(EINVAL);
-  if (TerminatorWithin(str, size) == size) {
-    str[0] = 0;
-    return Fail(EINVAL);
-  }
+  if (TerminatorWithin(str, size) == size) return EmptyAndFail(str, EINVAL);
   change(str);
   return 0;
 }
@@ -121,32 +127,15 @@ int wcsncpy_s(unsigned short* dst, unsigned int size, unsigned short const* src,
 
 int strcat_s(char* dst, unsigned int size, char const* src) {
   if (dst == nullptr || size == 0) return Fail(EINVAL);
-  if (src == nullptr) {
-    dst[0] = 0;
-    return Fail(EINVAL);
-  }
-  const unsigned int length = TerminatorWithin(dst, size);
-  if (length == size) {
-    dst[0] = 0;
-    return Fail(EINVAL);
-  }
-  return ResultOf(CopyBounded(dst + length, size - length, src, UINT_MAX, false), dst);
+  if (src == nullptr) return EmptyAndFail(dst, EINVAL);
+  return AppendBounded(dst, size, src, UINT_MAX, false);
 }
 
 int strncat_s(char* dst, unsigned int size, char const* src, unsigned int count) {
   if (count == 0 && dst == nullptr && size == 0) return 0;
   if (dst == nullptr || size == 0) return Fail(EINVAL);
-  if (count != 0 && src == nullptr) {
-    dst[0] = 0;
-    return Fail(EINVAL);
-  }
-  const unsigned int length = TerminatorWithin(dst, size);
-  if (length == size) {
-    dst[0] = 0;
-    return Fail(EINVAL);
-  }
-  if (count == 0) return 0;
-  return ResultOf(CopyBounded(dst + length, size - length, src, count, count == kTruncateCount), dst);
+  if (count != 0 && src == nullptr) return EmptyAndFail(dst, EINVAL);
+  return AppendBounded(dst, size, src, count, count == kTruncateCount);
 }
 
 int memcpy_s(void* dst, unsigned int size, void const* src, unsigned int count) {

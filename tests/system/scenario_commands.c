@@ -214,36 +214,33 @@ static void check_sense_limit(const Drive* empty) {
 }
 
 int main(void) {
-  Drive drives[MAX_DRIVES];
-  int count = list_drives(drives, MAX_DRIVES);
-  const Drive* scsi = find_drive(drives, count, "virtio_scsi", 0);
-  const Drive* empty = find_drive(drives, count, "virtio_scsi", 1);
-  const Drive* atapi = find_drive(drives, count, "ata_piix", 0);
+  Machine vm;
+  find_machine(&vm);
   Disc disc;
 
   check_group("commands");
-  if (!check(scsi && empty && atapi && load_disc(&disc), "the machine has its drives and the disc",
-             "%d drives", count))
+  if (!check(vm.scsi && vm.empty && vm.atapi && load_disc(&disc), "the machine has its drives and the disc",
+             "%d drives", vm.count))
     return check_finish();
 
   check_group("inquiry");
-  check_inquiry(scsi, 0);
-  check_inquiry(atapi, 1);
+  check_inquiry(vm.scsi, 0);
+  check_inquiry(vm.atapi, 1);
 
   check_group("no-medium");
-  check_no_medium(empty);
-  check_sense_limit(empty);
+  check_no_medium(vm.empty);
+  check_sense_limit(vm.empty);
 
   check_group("read");
-  check_reads(scsi, &disc);
-  check_reads(atapi, &disc);
-  check_read16(scsi, &disc);
+  check_reads(vm.scsi, &disc);
+  check_reads(vm.atapi, &disc);
+  check_read16(vm.scsi, &disc);
 
   check_group("no-data");
-  check_without_data(scsi, &disc);
-  check_without_data(atapi, &disc);
+  check_without_data(vm.scsi, &disc);
+  check_without_data(vm.atapi, &disc);
 
   check_group("refused");
-  check_refused(scsi);
+  check_refused(vm.scsi);
   return check_finish();
 }

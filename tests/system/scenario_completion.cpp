@@ -114,22 +114,20 @@ void CheckConcurrentReads(const Drive* drive, const Disc& disc, const char* how)
 }  // namespace
 
 int main() {
-  Drive drives[MAX_DRIVES];
-  int count = list_drives(drives, MAX_DRIVES);
-  const Drive* scsi = find_drive(drives, count, "virtio_scsi", 0);
-  const Drive* atapi = find_drive(drives, count, "ata_piix", 0);
+  Machine vm;
+  find_machine(&vm);
   Disc disc;
   check_group("completion");
-  if (!check(scsi && atapi && load_disc(&disc), "the machine has its drives and the disc", "%d drives", count))
+  if (!check(vm.scsi && vm.atapi && load_disc(&disc), "the machine has its drives and the disc", "%d drives", vm.count))
     return check_finish();
-  settle(scsi);
-  settle(atapi);
-  CheckPosting(scsi, disc);
-  CheckEvent(atapi, disc);
+  settle(vm.scsi);
+  settle(vm.atapi);
+  CheckPosting(vm.scsi, disc);
+  CheckEvent(vm.atapi, disc);
   check_group("threads");
-  CheckConcurrentReads(scsi, disc, "not held");
-  CheckConcurrentReads(atapi, disc, "not held");
-  for (const Drive* drive : {scsi, atapi}) {
+  CheckConcurrentReads(vm.scsi, disc, "not held");
+  CheckConcurrentReads(vm.atapi, disc, "not held");
+  for (const Drive* drive : {vm.scsi, vm.atapi}) {
     if (!check(ASPI_setExclusiveMode(drive->host, drive->target) == 0, "the drive is taken for the threads",
                "failed"))
       continue;

@@ -91,22 +91,20 @@ static void check_drive(const Drive* drive, const Disc* disc, const char* mount_
 }
 
 int main(void) {
-  Drive drives[MAX_DRIVES];
-  int count = list_drives(drives, MAX_DRIVES);
-  const Drive* scsi = find_drive(drives, count, "virtio_scsi", 0);
-  const Drive* atapi = find_drive(drives, count, "ata_piix", 0);
+  Machine vm;
+  find_machine(&vm);
   Disc disc;
 
   check_group("exclusive");
-  if (!check(scsi && atapi && scsi->block[0] && atapi->block[0] && load_disc(&disc),
-             "the machine has its drives, their block nodes and the disc", "%d drives", count))
+  if (!check(vm.scsi && vm.atapi && vm.scsi->block[0] && vm.atapi->block[0] && load_disc(&disc),
+             "the machine has its drives, their block nodes and the disc", "%d drives", vm.count))
     return check_finish();
   if (!check(ASPI_setExclusiveMode != NULL && ASPI_unsetExclusiveMode != NULL,
              "the library exports exclusive mode", "it does not"))
     return check_finish();
   GetASPI32SupportInfo();
-  check(ASPI_setExclusiveMode(scsi->host, 5) == -1, "taking an address without a drive fails", "it succeeded");
-  check_drive(scsi, &disc, "/mnt/scsi");
-  check_drive(atapi, &disc, "/mnt/atapi");
+  check(ASPI_setExclusiveMode(vm.scsi->host, 5) == -1, "taking an address without a drive fails", "it succeeded");
+  check_drive(vm.scsi, &disc, "/mnt/scsi");
+  check_drive(vm.atapi, &disc, "/mnt/atapi");
   return check_finish();
 }

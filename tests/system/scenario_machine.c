@@ -30,29 +30,27 @@ static void check_direct_read(const Drive* drive, const Disc* disc) {
 }
 
 int main(void) {
-  Drive drives[MAX_DRIVES];
-  int count = list_drives(drives, MAX_DRIVES);
-  const Drive* scsi = find_drive(drives, count, "virtio_scsi", 0);
-  const Drive* empty = find_drive(drives, count, "virtio_scsi", 1);
-  const Drive* atapi = find_drive(drives, count, "ata_piix", 0);
+  Machine vm;
+  find_machine(&vm);
   char link[64];
   ssize_t length;
   Disc disc;
 
   check_group("machine");
-  if (!check(count == 3 && scsi && empty && atapi, "two CD drives on virtio_scsi, one DVD drive on ata_piix",
-             "%d generic nodes", count))
+  if (!check(vm.count == 3 && vm.scsi && vm.empty && vm.atapi,
+             "two CD drives on virtio_scsi, one DVD drive on ata_piix", "%d generic nodes", vm.count))
     return check_finish();
-  check(scsi->type == 5 && empty->type == 5 && atapi->type == 5 && scsi->block[0] && empty->block[0] &&
-            atapi->block[0],
-        "all three are CD/DVD drives with block nodes", "types %d %d %d", scsi->type, empty->type, atapi->type);
-  check(emulated_host(scsi->generic) == 0 && emulated_host(atapi->generic) == 1,
+  check(vm.scsi->type == 5 && vm.empty->type == 5 && vm.atapi->type == 5 && vm.scsi->block[0] &&
+            vm.empty->block[0] && vm.atapi->block[0],
+        "all three are CD/DVD drives with block nodes", "types %d %d %d", vm.scsi->type, vm.empty->type,
+        vm.atapi->type);
+  check(emulated_host(vm.scsi->generic) == 0 && emulated_host(vm.atapi->generic) == 1,
         "the generic driver calls virtio_scsi real and ata_piix emulated", "flags %d and %d",
-        emulated_host(scsi->generic), emulated_host(atapi->generic));
+        emulated_host(vm.scsi->generic), emulated_host(vm.atapi->generic));
   check(load_disc(&disc) && disc.sectors > disc.data_lba + disc.data_size / 2048, "the disc is described",
         "disc.env unreadable");
-  check_direct_read(scsi, &disc);
-  check_direct_read(atapi, &disc);
+  check_direct_read(vm.scsi, &disc);
+  check_direct_read(vm.atapi, &disc);
   length = readlink("/etc/mtab", link, sizeof link - 1);
   check(length > 0 && strncmp(link, "/proc/mounts", (size_t)length) == 0 && access("/bin/umount", X_OK) == 0,
         "/etc/mtab lists the mounts and umount is there", "mtab link wrong or no umount");

@@ -114,6 +114,13 @@ const Drive* find_drive(const Drive* drives, int count, const char* host_driver,
   return NULL;
 }
 
+void find_machine(Machine* machine) {
+  machine->count = list_drives(machine->drives, MAX_DRIVES);
+  machine->scsi = find_drive(machine->drives, machine->count, "virtio_scsi", 0);
+  machine->empty = find_drive(machine->drives, machine->count, "virtio_scsi", 1);
+  machine->atapi = find_drive(machine->drives, machine->count, "ata_piix", 0);
+}
+
 static unsigned env_value(const char* text, const char* name) {
   const char* at = strstr(text, name);
   return at ? (unsigned)strtoul(at + strlen(name) + 1, NULL, 10) : 0;

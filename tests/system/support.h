@@ -35,6 +35,14 @@ int list_drives(Drive* drives, int capacity);
 /* The drive on the first host whose driver is host_driver, at target; null
  * when there is none. */
 const Drive* find_drive(const Drive* drives, int count, const char* host_driver, int target);
+/* The VM's drives: the disc drive and the empty drive on virtio_scsi, the
+ * DVD drive on ata_piix; each null when missing. */
+typedef struct Machine {
+  Drive drives[MAX_DRIVES];
+  int count;
+  const Drive *scsi, *empty, *atapi;
+} Machine;
+void find_machine(Machine* machine);
 /* The proc_name of Linux SCSI host n, or "" when it has none. */
 void host_driver_name(int host, char* name, unsigned size);
 
