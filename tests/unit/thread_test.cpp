@@ -1,5 +1,4 @@
-// Threads and per-device workers on real threads; workers against an
-// emulated drive.
+// Threads and per-device workers on real threads, workers on an emulated drive.
 #include "runtime/thread.h"
 
 #include <gtest/gtest.h>
@@ -41,15 +40,13 @@ TEST(Thread, SuspendedStartIsReleasedOnlyByItsCreator) {
   for (const auto& row : rows) {
     Probe probe;
     CThread* thread = CThreadingBeginThread(RunProbe, &probe, 0, 0, 1);
-    std::this_thread::sleep_for(milliseconds(100));
-    EXPECT_EQ(0, probe.entered) << row.resumer;
     int resumed = -1;
+    if (!row.creator) std::thread([&] { resumed = thread->ResumeThread(); }).join();
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(0, probe.entered) << row.resumer;  // not resumed yet, or by a stranger
     if (row.creator) resumed = thread->ResumeThread();
-    else std::thread([&] { resumed = thread->ResumeThread(); }).join();
     EXPECT_EQ(0, resumed) << row.resumer;
-    std::this_thread::sleep_for(milliseconds(row.creator ? 0 : 100));
-    EXPECT_TRUE(row.creator || probe.entered == 0) << "still held";
-    thread->ResumeThread();
+    thread->ResumeThread();  // releases the stranger's row
     delete thread;
     EXPECT_EQ(1, probe.entered) << row.resumer;
   }
@@ -61,16 +58,13 @@ TEST(Thread, ExitCodeOwnObjectParentAndTheWaitOnDestruction) {
       {"returns 7", 0, false, false, 0}, {"EndThread(5)", 5, false, false, 5}, {"EndThread(1)", 1, false, false, 1},
       {"starts one of its own", 0, true, false, 0}, {"destroyed while running", 0, false, true, 1}};
   for (const auto& row : rows) {
-    Probe inner, probe;
-    probe.endWith = row.endWith;
-    probe.inner = row.nested ? &inner : nullptr;
+    Probe inner, probe{row.endWith, row.nested ? &inner : nullptr};
     CThread* thread = CThreadingBeginThread(RunProbe, &probe, 0, 0, 0);
     unsigned int code = 0;
     EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1) << row.what << ": still running";
     EXPECT_TRUE(FinishesWithin(milliseconds(5000), [&] {
       while (!row.destroyAtOnce && (!probe.finished || (row.exitCode != 1 && code == 1)))
         thread->GetExitCodeThread(&code);
-      if (!row.destroyAtOnce) thread->GetExitCodeThread(&code);  // asked again after the join
       delete thread;
     })) << row.what;
     EXPECT_EQ(row.exitCode, code) << row.what;
@@ -101,7 +95,6 @@ TEST(Worker, OneRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   fixture::RegisterTestDevice(0, 0, 1, 0, "/dev/sg0");
   // Each device opened again while its first open is under way, as by a second thread.
   const struct { unsigned char target; bool exists; } rows[] = {{1, true}, {5, false}};
-  ASPI_DEVICE_INFO* record = nullptr;
   for (const auto& row : rows) {
     SRB_ExecSCSICmd srb = TestUnitReady(row.target);
     ASPI_DEVICE_INFO* meanwhile = nullptr;
@@ -111,9 +104,9 @@ TEST(Worker, OneRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
     drive->onOpen = nullptr;
     EXPECT_TRUE(opened == meanwhile && opened == ASPI_OpenDevice(&srb) && row.exists == (opened != nullptr));
     EXPECT_TRUE(AspiDeviceList.size() == 1 && world.OpenDescriptorCount() == 1) << int(row.target);
-    if (opened != nullptr) record = opened;
   }
-  ASSERT_NE(nullptr, record);
+  ASSERT_EQ(1u, AspiDeviceList.size());
+  ASPI_DEVICE_INFO* record = AspiDeviceList[0];
   SRB_ExecSCSICmd blocks[] = {TestUnitReady(1, Record), TestUnitReady(1, Record), TestUnitReady(1, RecordAndStop)};
   CThread* worker = CThreadingBeginThread(ASPI_ThreadFunction, record, 0, 0, 0);
   record->QueueLock->Lock(0xFFFFFFFF);
