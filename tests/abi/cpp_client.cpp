@@ -28,6 +28,7 @@ int main() {
   Expect(SendASPI32Command(&request) == SS_PENDING, "an execute request returns SS_PENDING");
   Expect(done.WaitForEvent(0) == 1, "the event is already set when the call returns");
   Expect(request.SRB_Status == SS_NO_DEVICE, "a missing device completes with SS_NO_DEVICE");
+  Expect(ASPI_OpenDevice(&request) == nullptr && CThread::GetThread() == nullptr, "no worker, no thread object");
 
   CBasicString<char> deviceKey;
   deviceKey.Format("h%02dc%02dt%02dd%02d", 3, 0, 1, 0);
