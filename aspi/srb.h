@@ -92,6 +92,15 @@ typedef struct SRB_ExecSCSICmd {
 /* The completion function named in SRB_PostProc under SRB_POSTING. */
 typedef void (*ASPI_PostProc)(SRB_ExecSCSICmd* srb);
 
+/* Arrival and removal callbacks, in this order, for ASPI_putCallbacks. They
+ * run on the library's monitor thread after the registry was rebuilt. The
+ * argument packs the drive's address: adapter in bits 16-23, target in
+ * bits 8-15, LUN in bits 0-7. */
+typedef struct ASPI_Callbacks {
+  void (*pfnArrival)(unsigned int address);
+  void (*pfnRemoval)(unsigned int address);
+} ASPI_Callbacks;
+
 #ifdef __cplusplus
 #define KAVO_SRB_STATIC_ASSERT(condition, what) static_assert(condition, what)
 #else
@@ -152,6 +161,9 @@ KAVO_EXTERN_C KAVO_API unsigned int SendASPI32Command(void* srb);
 KAVO_EXTERN_C KAVO_API unsigned int GetASPI32SupportInfo(void);
 KAVO_EXTERN_C KAVO_API int ASPI_setExclusiveMode(int nHost, int nTarget);
 KAVO_EXTERN_C KAVO_API int ASPI_unsetExclusiveMode(int nHost, int nTarget);
+/* Registers each non-null callback; a function registered twice is called
+ * twice. There is no way to remove one. */
+KAVO_EXTERN_C KAVO_API void ASPI_putCallbacks(ASPI_Callbacks* callbacks);
 KAVO_EXTERN_C KAVO_API void SCSI_Done(void);
 
 #ifdef __cplusplus

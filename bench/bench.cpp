@@ -224,6 +224,19 @@ void PrintRatio(const char* what, const Figures& figures, Way reference, double 
 
 }  // namespace
 
+// The hot-plug monitor's cost while nothing happens: the process's CPU time
+// over 30 seconds in which this thread only sleeps.
+static void PrintIdleCost() {
+  const int kIdleSeconds = 30;
+  timespec before, after;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+  sleep(kIdleSeconds);
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
+  const double cpu = (after.tv_sec - before.tv_sec) + (after.tv_nsec - before.tv_nsec) / 1e9;
+  std::printf("idle, hot-plug monitor running: %.3f s CPU in %d s (%.3f%% of one core)\n", cpu, kIdleSeconds,
+              100.0 * cpu / kIdleSeconds);
+}
+
 int main(int argc, char** argv) {
   if (argc != 6) {
     std::fprintf(stderr, "usage: kavo-bench /dev/sgN ADAPTER TARGET FIRST-LBA SECTORS\n");
@@ -265,5 +278,6 @@ int main(int argc, char** argv) {
   PrintRatio("not held, TEST UNIT READY, vs bare system calls", notHeld[kTestUnitReady], kSyscalls, 0.95);
   PrintRatio("held, READ(10), vs bare write+read", held[kRead], kWriteRead, 0);
   PrintRatio("held, TEST UNIT READY, vs bare write+read", held[kTestUnitReady], kWriteRead, 0);
+  PrintIdleCost();
   return 0;
 }

@@ -8,6 +8,7 @@
 
 #include "aspi/srb.h"
 #include "discovery/hal.h"
+#include "discovery/hotplug_internal.h"
 #include "discovery/init_internal.h"
 #include "runtime/os.h"
 
@@ -29,6 +30,31 @@ void StartHal() {
   if (!libhal_support_init()) libhal_support_done();
 }
 
+// Asks the monitor to stop and waits for it: at most the cycle in progress
+// (a rescan waiting for exclusive holds gives up) and one second of pause.
+void StopMonitor() {
+  if (MonitorRunning != 1 || pthread_equal(MonitorThread, pthread_self())) return;
+  MonitorStopRequest.store(1);
+  pthread_join(MonitorThread, nullptr);
+  MonitorRunning = 0;
+  MonitorStopRequest.store(0);
+}
+
+// For an application that unloads the library or exits without SCSI_Done:
+// the monitor must not outlive the maps, lists and locks it uses.
+struct MonitorTeardown {
+  ~MonitorTeardown() { StopMonitor(); }
+};
+
+void StartMonitor(SCSI_MonitorFunction monitor) {
+  // Constructed at the first start, so after every global of the library;
+  // static destruction runs in reverse order, so the monitor is joined
+  // before any of them is destroyed.
+  static MonitorTeardown teardown;
+  MonitorRunning = 1;
+  if (kavo::os::StartThread(&MonitorThread, monitor, nullptr) != 0) MonitorRunning = 0;
+}
+
 }  // namespace
 
 bool SCSI_IsKernel26Release(char const* release) {
@@ -45,18 +71,11 @@ void SCSI_Init() {
     StartHal();
   }
   SCSI_BuildRegistry();
-  // The hot-plug monitor starts here: the first snapshot of its source (HAL,
-  // /sys/block or /proc/scsi/scsi, the first available) under the snapshot
-  // lock, then its thread with MonitorRunning set. Until the monitors exist
-  // the registry stands as built and no thread is started.
+  // Without a usable source the registry stands as built and no thread runs.
+  if (SCSI_MonitorFunction monitor = SCSI_TakeFirstSnapshot()) StartMonitor(monitor);
 }
 
 void SCSI_Done(void) {
-  if (MonitorRunning == 1) {
-    MonitorStopRequest.store(1);
-    pthread_join(MonitorThread, nullptr);
-    MonitorRunning = 0;
-    MonitorStopRequest.store(0);
-  }
+  StopMonitor();
   if (libhal_support_is_available()) libhal_support_done();
 }

@@ -1,7 +1,7 @@
 // The library's only door to the operating system.
 //
 // Every piece that touches files, device nodes, directories, the shell, the
-// kernel's identity, the clock's sleeps or the dynamic loader goes through
+// kernel's identity, the clock's sleeps, thread creation or the dynamic loader goes through
 // these functions. The shipped library links os_linux.cpp, which calls libc
 // and nothing else; the unit tests link a fixture world in their place, an
 // in-memory tree of files, directories and emulated device nodes with fake
@@ -11,6 +11,7 @@
 // returns -1 (or false / null) and leaves the reason in errno.
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <string>
@@ -51,6 +52,10 @@ int SysInfo(struct sysinfo* info);
 // slept total is recorded so that tests can check polling waits.
 unsigned int SleepSeconds(unsigned int seconds);
 void SleepMicroseconds(unsigned int microseconds);
+
+// pthread_create with default attributes: 0, or the error number. The
+// fixture world starts threads only for tests that allow them.
+int StartThread(pthread_t* thread, void* (*function)(void*), void* argument);
 
 // dlopen, dlsym, dlclose.
 void* LoadLibrary(const char* name, int flags);

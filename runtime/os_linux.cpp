@@ -62,6 +62,10 @@ unsigned int SleepSeconds(unsigned int seconds) { return ::sleep(seconds); }
 
 void SleepMicroseconds(unsigned int microseconds) { ::usleep(microseconds); }
 
+int StartThread(pthread_t* thread, void* (*function)(void*), void* argument) {
+  return ::pthread_create(thread, nullptr, function, argument);
+}
+
 void* LoadLibrary(const char* name, int flags) { return ::dlopen(name, flags); }
 
 void* FindSymbol(void* handle, const char* name) { return ::dlsym(handle, name); }

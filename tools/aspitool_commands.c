@@ -1,10 +1,12 @@
-/* aspitool's commands: scan, inquiry, toc and read, through ASPI exactly as
- * an application uses it. */
+/* aspitool's commands: scan, inquiry, toc, read and watch, through ASPI
+ * exactly as an application uses it. */
 #include "tools/aspitool_commands.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #define BLOCK_SIZE 2048u
 #define INQUIRY_LENGTH 96u
@@ -400,6 +402,63 @@ static int run_read(char** arguments, int count, FILE* out, FILE* err) {
   return result;
 }
 
+/* The library calls back on its own thread, and signals arrive anywhere:
+ * both only write a small record into this pipe, and the command's own
+ * thread does the rest. A record is a kind byte and the packed address. */
+static int watchPipe[2] = {-1, -1};
+
+static void post_watch_event(char kind, unsigned int address) {
+  unsigned char record[5] = {(unsigned char)kind, (unsigned char)(address >> 16), (unsigned char)(address >> 8),
+                             (unsigned char)address, 0};
+  ssize_t written = write(watchPipe[1], record, sizeof record);
+  (void)written;
+}
+
+static void watch_arrival(unsigned int address) { post_watch_event('+', address); }
+static void watch_removal(unsigned int address) { post_watch_event('-', address); }
+static void watch_interrupted(int signal) { (void)signal, post_watch_event('q', 0); }
+
+static void print_watch_event(FILE* out, char kind, const Address* address) {
+  if (kind == '-') {
+    fprintf(out, "removed %u:%u:%u\n", address->adapter, address->target, address->lun);
+  } else {
+    unsigned char data[INQUIRY_LENGTH];
+    SRB_ExecSCSICmd srb;
+    char vendor[9] = "?", product[17] = "?";
+    if (inquire_device(address, data, &srb) == SS_COMP) {
+      copy_text(vendor, data + 8, 8);
+      copy_text(product, data + 16, 16);
+    }
+    fprintf(out, "arrived %u:%u:%u  %s  %s\n", address->adapter, address->target, address->lun, vendor, product);
+  }
+  fflush(out);
+}
+
+static int run_watch(char** arguments, int count, FILE* out, FILE* err) {
+  (void)arguments, (void)count;
+  if (pipe(watchPipe) != 0) {
+    fprintf(err, "aspitool: cannot make a pipe: %s\n", strerror(errno));
+    return ASPITOOL_FAILED;
+  }
+  ASPI_Callbacks callbacks = {watch_arrival, watch_removal};
+  ASPI_putCallbacks(&callbacks);
+  signal(SIGINT, watch_interrupted);
+  signal(SIGTERM, watch_interrupted);
+  fprintf(out, "watching %d host adapter%s for drives that come and go; interrupt to stop\n", adapter_count(),
+          adapter_count() == 1 ? "" : "s");
+  fflush(out);
+  unsigned char record[5];
+  for (;;) {
+    const ssize_t n = read(watchPipe[0], record, sizeof record);
+    if (n < 0 && errno == EINTR) continue;
+    if (n != (ssize_t)sizeof record || record[0] == 'q') break;
+    const Address address = {record[1], record[2], record[3]};
+    print_watch_event(out, (char)record[0], &address);
+  }
+  SCSI_Done();
+  return ASPITOOL_OK;
+}
+
 /* ---- Command line ---- */
 
 static const Command commands[] = {
@@ -415,6 +474,11 @@ static const Command commands[] = {
      "Reads COUNT blocks of 2048 bytes from the drive at A:T:L, starting at\n"
      "block LBA (READ(10)), and writes them to FILE, or to standard output\n"
      "without one.", 3, 4, run_read},
+    {"watch", "",
+     "Prints each drive that arrives or goes away, as it happens, until\n"
+     "interrupted (Ctrl-C, SIGINT or SIGTERM): \"arrived A:T:L VENDOR PRODUCT\"\n"
+     "with the drive's INQUIRY, or \"removed A:T:L\". The library looks every\n"
+     "five seconds.", 0, 0, run_watch},
 };
 static const int commandCount = (int)(sizeof commands / sizeof commands[0]);
 
