@@ -51,12 +51,20 @@ void SCSI_Init() {
   // the registry stands as built and no thread is started.
 }
 
+void SCSI_StopMonitor() {
+  if (MonitorRunning != 1) return;
+  MonitorStopRequest.store(1);
+  pthread_join(MonitorThread, nullptr);
+  MonitorRunning = 0;
+  MonitorStopRequest.store(0);
+}
+
+// Nothing may throw across this C entry point; stopping and HAL's shut-down
+// allocate nothing of their own, the guard is for what they call.
 void SCSI_Done(void) {
-  if (MonitorRunning == 1) {
-    MonitorStopRequest.store(1);
-    pthread_join(MonitorThread, nullptr);
-    MonitorRunning = 0;
-    MonitorStopRequest.store(0);
+  try {
+    SCSI_StopMonitor();
+    if (libhal_support_is_available()) libhal_support_done();
+  } catch (...) {
   }
-  if (libhal_support_is_available()) libhal_support_done();
 }
