@@ -21,7 +21,7 @@ using Cdb = std::vector<unsigned char>;
 
 struct Request {
   SRB_ExecSCSICmd srb;
-  int posts;
+  int posts;  // by CountPost
 };
 void CountPost(SRB_ExecSCSICmd* srb) { ++reinterpret_cast<Request*>(srb)->posts; }
 
@@ -62,19 +62,19 @@ class RequestRaceTest : public ::testing::Test {
   fixture::FixtureWorld::Scope scope_;
   fixture::RegistryReset registry_;
   fixture::DriveMachine machine_;
-  unsigned char data_[EmulatedDrive::kBlockSize];
 };
 
 TEST_F(RequestRaceTest, EachRequestReachesItsDriveWithItsWholeCommand) {
   ASSERT_EQ(0, ASPI_setExclusiveMode(1, 0));
+  unsigned char data[EmulatedDrive::kBlockSize];
   struct Row {
     const char* name;
     std::function<void()> before;
     unsigned char adapter, target;
     unsigned int bufLen;
     unsigned char status;
-    EmulatedDrive* drive;
-    size_t cdbLength;  // of the drive's last command; 0: it got none
+    EmulatedDrive* drive;  // that must have got the command, null for none
+    size_t cdbLength;
   } rows[] = {
       {"a rejected 5-byte command leaves no length armed on the held drive", [] {
          Request shortCdb;
@@ -94,7 +94,7 @@ TEST_F(RequestRaceTest, EachRequestReachesItsDriveWithItsWholeCommand) {
     SCOPED_TRACE(row.name);
     row.before();
     Request request;
-    Fill(request, row.adapter, row.target, Read10(7, row.bufLen != 0), row.bufLen, data_);
+    Fill(request, row.adapter, row.target, Read10(7, row.bufLen != 0), row.bufLen, data);
     ASPI_ExecuteSRB(&request.srb);
     EXPECT_EQ(row.status, request.srb.SRB_Status);
     EXPECT_EQ(1, request.posts);
@@ -103,12 +103,14 @@ TEST_F(RequestRaceTest, EachRequestReachesItsDriveWithItsWholeCommand) {
     EXPECT_EQ(row.cdbLength, row.drive->Commands().back().cdb.size());
     EXPECT_EQ(7u, LbaOf(row.drive->Commands().back()));
   }
-  EXPECT_TRUE(machine_.scsiCd->drive().Commands().empty());
+  EXPECT_TRUE(machine_.scsiCd->drive().Commands().empty());  // the refused length reached nothing
 }
 
 // Requests on a drive that another thread holds and releases, and on the
 // other drives, while the registry is rebuilt under them. Each command
-// carries its thread and sequence number as its LBA.
+// carries its thread and sequence number as its LBA. A request that used a
+// held drive's descriptor number after an unset or a purge closed it would
+// write to whatever drive another thread opened under that number.
 TEST_F(RequestRaceTest, CommandsReachTheirOwnDriveWhileHoldsAndRebuildsComeAndGo) {
   const int kRequests = 4000;
   struct Requester {
@@ -138,7 +140,8 @@ TEST_F(RequestRaceTest, CommandsReachTheirOwnDriveWhileHoldsAndRebuildsComeAndGo
         std::vector<unsigned char> buffer(32 * EmulatedDrive::kBlockSize);
         for (int seq = 0; seq < kRequests; ++seq) {
           Request& request = requests[t * kRequests + seq];
-          Fill(request, requesters[t].adapter, requesters[t].target, Read10((t + 1) << 16 | seq, 32), buffer.size(), buffer.data());
+          Fill(request, requesters[t].adapter, requesters[t].target, Read10((t + 1) << 16 | seq, 32), buffer.size(),
+               buffer.data());
           ASPI_ExecuteSRB(&request.srb);
         }
       });
