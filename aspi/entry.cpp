@@ -6,7 +6,7 @@
 
 #include "aspi/execute_internal.h"
 #include "aspi/srb.h"
-#include "device/registry.h"
+#include "device/registry_internal.h"
 #include "discovery/init.h"
 #include "runtime/sync.h"
 
@@ -35,7 +35,8 @@ unsigned int AnswerHostAdapterInquiry(SRB_HAInquiry* srb) {
   srb->SRB_Status = SS_COMP;
   srb->HA_Count = 2;
   srb->HA_SCSI_ID = 7;
-  CopyPadded(srb->HA_Identifier, sizeof srb->HA_Identifier, SCSI_GetAdapterName(srb->SRB_HaId));
+  // A copy: a rebuild may free the record's name as soon as the lock is gone.
+  CopyPadded(srb->HA_Identifier, sizeof srb->HA_Identifier, SCSI_CopyAdapterName(srb->SRB_HaId).GetString());
   memset(srb->HA_Unique, 0, sizeof srb->HA_Unique);
   srb->HA_Unique[3] = 8;  // targets per adapter
   srb->HA_Unique[6] = 2;  // 0x20000: the largest transfer, the generic driver's reserved size
@@ -74,12 +75,19 @@ void winaspi32_checkinit() {
   RegistryReady.store(true, std::memory_order_release);
 }
 
+// Nothing throws across the C entry points: an allocation that fails while
+// the registry is built leaves what was found so far.
 unsigned int GetASPI32SupportInfo(void) {
-  winaspi32_checkinit();
+  try {
+    winaspi32_checkinit();
+  } catch (...) {
+  }
   return static_cast<unsigned int>(ASPI_GetNumControllers()) | 0x100u;
 }
 
-unsigned int SendASPI32Command(void* srb) {
+namespace {
+
+unsigned int Dispatch(void* srb) {
   winaspi32_checkinit();
   if (srb == nullptr) return SS_INVALID_SRB;
   unsigned char* block = static_cast<unsigned char*>(srb);
@@ -92,6 +100,18 @@ unsigned int SendASPI32Command(void* srb) {
       return ASPI_ExecuteSRB(static_cast<SRB_ExecSCSICmd*>(srb));
     default:
       return SS_INVALID_SRB;
+  }
+}
+
+}  // namespace
+
+// An execute request posts its own failure (ASPI_ExecuteSRB catches); what
+// else fails to allocate ends here as SS_ERR.
+unsigned int SendASPI32Command(void* srb) {
+  try {
+    return Dispatch(srb);
+  } catch (...) {
+    return SS_ERR;
   }
 }
 

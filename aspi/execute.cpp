@@ -4,15 +4,17 @@
 #include "aspi/execute_internal.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <linux/cdrom.h>
 #include <scsi/sg.h>
 #include <string.h>
 
 #include <vector>
 
-#include "device/open.h"
-#include "device/registry.h"
+#include "device/open_internal.h"
+#include "device/registry_internal.h"
 #include "device/transport.h"
+#include "device/transport_internal.h"
 #include "runtime/os.h"
 #include "runtime/sync.h"
 
@@ -64,48 +66,51 @@ void CorrectDirection(SRB_ExecSCSICmd* srb) {
   }
 }
 
-// The descriptor of the request: the cached one of a drive held exclusively,
-// or one opened for this request alone and closed by it.
+// The descriptor of the request, always its own: a copy of the cached one
+// of a drive held exclusively, or one opened for this request alone. Either
+// way the request closes it.
 class RequestDescriptor {
  public:
-  explicit RequestDescriptor(const DeviceAddress& device) {
-    fd_ = SCSI_GetDeviceFileDesc(device.host, device.channel, device.target, device.lun);
-    if (fd_ != -1) return;
-    fd_ = SCSI_OpenDevice(device.host, device.channel, device.target, device.lun, 0, nullptr);
-    owned_ = fd_ != -1;
-  }
+  RequestDescriptor(const DeviceAddress& device, unsigned char cdbLength)
+      : request_(SCSI_OpenForRequest(device.host, device.channel, device.target, device.lun,
+                                     cdbLength <= CDROM_PACKET_SIZE)) {}
   ~RequestDescriptor() { Release(); }
   RequestDescriptor(const RequestDescriptor&) = delete;
   RequestDescriptor& operator=(const RequestDescriptor&) = delete;
 
-  bool IsOpen() const { return fd_ != -1; }
-  int fd() const { return fd_; }
+  bool IsOpen() const { return request_.fd != -1; }
+  int fd() const { return request_.fd; }
+  // The path follows the node that was found, never a count that a rebuild
+  // may be resetting meanwhile. Only for a device that is not registered
+  // does the adapter number decide, and then only which refusal it gets.
+  bool TakesIdePath(int adapter) const {
+    return request_.registered ? request_.kind == kIdeNode : IsIDEAdapter(adapter) == 1;
+  }
   void Release() {
-    if (owned_) kavo::os::Close(fd_);
-    owned_ = false;
+    if (request_.fd != -1) kavo::os::Close(request_.fd);
+    request_.fd = -1;
   }
 
  private:
-  int fd_ = -1;
-  bool owned_ = false;
+  SCSI_RequestDescriptor request_;
 };
 
-// Holds the device's lock for one exchange. A device that left the registry
-// after the request opened it has no lock any more; Held() is false then.
+// Holds the device's lock for one exchange and gives back exactly the mutex
+// it took. A device that left the registry after the request opened it has
+// no lock any more; Held() is false then.
 class DeviceLockHold {
  public:
   explicit DeviceLockHold(const DeviceAddress& device)
-      : device_(device), held_(SCSI_LockDevice(device.host, device.channel, device.target, device.lun) == 1) {}
+      : lock_(SCSI_LockDeviceLock(device.host, device.channel, device.target, device.lun)) {}
   ~DeviceLockHold() {
-    if (held_) SCSI_UnlockDevice(device_.host, device_.channel, device_.target, device_.lun);
+    if (lock_ != nullptr) SCSI_UnlockDeviceLock(lock_);
   }
   DeviceLockHold(const DeviceLockHold&) = delete;
   DeviceLockHold& operator=(const DeviceLockHold&) = delete;
-  bool Held() const { return held_; }
+  bool Held() const { return lock_ != nullptr; }
 
  private:
-  DeviceAddress device_;
-  bool held_;
+  CPosixMutex* lock_;
 };
 
 // A data phase with no buffer to move it through is refused before any
@@ -114,10 +119,11 @@ bool LacksDataBuffer(const SRB_ExecSCSICmd* srb, bool hasDataPhase) {
   return hasDataPhase && srb->SRB_BufLen != 0 && srb->SRB_BufPointer == nullptr;
 }
 
-// Lengths above what a 32-bit size can carry together with the header and
-// the command are refused rather than wrapped.
+// The reply header carries its length as an int, and the request's length
+// must fit one as well (write answers in a signed size): longer transfers
+// are refused rather than wrapped or left to throw from the allocation.
 bool DataLengthOverflows(const SRB_ExecSCSICmd* srb) {
-  return srb->SRB_BufLen > 0xFFFFFFFFu - kHeaderLength - kMaxCdbLength;
+  return srb->SRB_BufLen > static_cast<unsigned int>(INT_MAX) - kHeaderLength - kMaxCdbLength;
 }
 
 // Builds the request and reply, exchanges them under the device's lock and
@@ -142,9 +148,12 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
     DeviceLockHold lock(device);
     if (!lock.Held()) return SS_NO_DEVICE;
     unsigned int bytesRead = 0;
-    SCSI_Fix_CMD_LEN(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
+    const bool lengthArmed = SCSI_ArmCommandLength(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
     exchanged = SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, static_cast<unsigned int>(request.size()),
                                    replyHeader, static_cast<unsigned int>(reply.size()), &bytesRead);
+    // A held drive's open file outlives this request: a length its rejected
+    // write left armed would cut the next request's command.
+    if (exchanged == 0 && lengthArmed) SCSI_DisarmCommandLength(descriptor.fd());
   }
   descriptor.Release();
 
@@ -179,9 +188,8 @@ unsigned char StatusFromTarget(SRB_ExecSCSICmd* srb) {
   return SS_ERR;
 }
 
-unsigned char ExecuteOnGenericNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device) {
+unsigned char ExecuteOnGenericNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device, RequestDescriptor& descriptor) {
   CorrectDirection(srb);
-  RequestDescriptor descriptor(device);
   if (!descriptor.IsOpen()) return SS_NO_DEVICE;
   srb->SRB_Status = SS_PENDING;
   // The block holds at most 16 command bytes; the driver takes no more.
@@ -207,7 +215,7 @@ unsigned char IdeSenseLengthByte(unsigned char senseLength) {
   return senseLength <= kIdeSenseLength ? static_cast<unsigned char>(senseLength - 8) : kIdeSenseLength - 8;
 }
 
-unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device) {
+unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device, RequestDescriptor& descriptor) {
   unsigned char sense[kIdeSenseLength];
   cdrom_generic_command packet;
   memset(sense, 0, sizeof sense);
@@ -223,7 +231,6 @@ unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device
   packet.timeout = -1;
   sense[7] = IdeSenseLengthByte(srb->SRB_SenseLen);
 
-  RequestDescriptor descriptor(device);
   if (!descriptor.IsOpen()) return SS_NO_DEVICE;
   if (LacksDataBuffer(srb, packet.data_direction != CGC_DATA_NONE)) return SS_INVALID_SRB;
   int result = 0;
@@ -242,6 +249,13 @@ unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device
   return SS_ERR;
 }
 
+unsigned char Execute(SRB_ExecSCSICmd* srb) {
+  const DeviceAddress device = AddressOf(srb);
+  RequestDescriptor descriptor(device, srb->SRB_CDBLen);
+  return descriptor.TakesIdePath(srb->SRB_HaId) ? ExecuteOnIdeNode(srb, device, descriptor)
+                                                 : ExecuteOnGenericNode(srb, device, descriptor);
+}
+
 }  // namespace
 
 void ASPI_PostSRB(SRB_ExecSCSICmd* srb, unsigned char status) {
@@ -256,11 +270,16 @@ void ASPI_PostSRB(SRB_ExecSCSICmd* srb, unsigned char status) {
 }
 
 // Each path returns its final status with its buffers freed and its own
-// descriptor closed; the one post happens here.
+// descriptor closed; the one post happens here. A request whose buffers
+// cannot be allocated ends as SS_ERR: the unwinding has closed its
+// descriptor and released its device lock, and it is still posted once.
 unsigned int ASPI_ExecuteSRB(SRB_ExecSCSICmd* srb) {
-  const DeviceAddress device = AddressOf(srb);
-  const unsigned char status =
-      IsIDEAdapter(srb->SRB_HaId) ? ExecuteOnIdeNode(srb, device) : ExecuteOnGenericNode(srb, device);
+  unsigned char status = SS_ERR;
+  try {
+    status = Execute(srb);
+  } catch (...) {
+    status = SS_ERR;
+  }
   ASPI_PostSRB(srb, status);
   return SS_PENDING;
 }

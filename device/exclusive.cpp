@@ -90,7 +90,9 @@ bool HalKnows(const SCSI_DeviceProperties& device) {
 
 }  // namespace
 
-int ASPI_setExclusiveMode(int nHost, int nTarget) {
+namespace {
+
+int SetExclusiveMode(int nHost, int nTarget) {
   SetLocks locks;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, 0, nTarget, 0);
   if (device == nullptr) return -1;
@@ -110,8 +112,10 @@ int ASPI_setExclusiveMode(int nHost, int nTarget) {
 
 // The block node's entry is released at every unset while its count only
 // starts at 1: a drive held twice gives its block node back at the first
-// unset and keeps the exclusive descriptor until the last.
-int ASPI_unsetExclusiveMode(int nHost, int nTarget) {
+// unset and keeps the exclusive descriptor until the last. Requests use
+// copies of the descriptor (dup), so the close here drops only the cache's
+// reference; a request in flight keeps its own.
+int UnsetExclusiveMode(int nHost, int nTarget) {
   UnsetLocks locks;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, 0, nTarget, 0);
   if (device == nullptr) return -1;
@@ -122,4 +126,24 @@ int ASPI_unsetExclusiveMode(int nHost, int nTarget) {
     libhal_support_unlock_device(device->HalUdi.GetString());
   if (!device->BlockDevicePath.IsEmpty()) ReleaseHold(device->BlockDevicePath);
   return 0;
+}
+
+}  // namespace
+
+// Nothing throws across these C entry points; a hold that cannot be
+// recorded for want of memory is refused.
+int ASPI_setExclusiveMode(int nHost, int nTarget) {
+  try {
+    return SetExclusiveMode(nHost, nTarget);
+  } catch (...) {
+    return -1;
+  }
+}
+
+int ASPI_unsetExclusiveMode(int nHost, int nTarget) {
+  try {
+    return UnsetExclusiveMode(nHost, nTarget);
+  } catch (...) {
+    return -1;
+  }
 }

@@ -1,4 +1,5 @@
 #include "device/open.h"
+#include "device/open_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -16,10 +17,8 @@ const unsigned int kBusyRetryMicroseconds = 100;
 const int kReservedBufferSize = 131072;  // the largest transfer reported to applications
 const int kGenericCommandTimeout = 10800000;
 
-enum NodeKind { kOtherNode, kGenericNode, kIdeNode };
-
 // Decided by the two characters after the last '/' of the path.
-NodeKind KindOfNode(const char* devicePath) {
+SCSI_NodeKind KindOfNode(const char* devicePath) {
   const char* name = strrchr(devicePath, '/');
   if (name == nullptr || name[1] == '\0') return kOtherNode;
   if (name[1] == 's' && name[2] == 'g') return kGenericNode;
@@ -27,7 +26,7 @@ NodeKind KindOfNode(const char* devicePath) {
   return kOtherNode;
 }
 
-int OpenFlagsFor(NodeKind kind) {
+int OpenFlagsFor(SCSI_NodeKind kind) {
   switch (kind) {
     case kGenericNode:
       return O_RDWR;
@@ -48,6 +47,23 @@ int OpenRetryingWhileBusy(const char* path, int flags) {
   }
 }
 
+// Without O_NONBLOCK the generic driver does not answer EBUSY while another
+// descriptor holds the node with O_EXCL, it waits; and an O_EXCL open waits
+// while any descriptor is open. That wait would happen here, with RescanLock
+// and DevicesMapLock held, and stall every request of the process (or, when
+// exclusive mode opens while another thread's request has the drive open,
+// never end). So the open asks for an answer at once, which lets the EBUSY
+// retries work, and the flag is cleared again: the descriptor ends with the
+// usual flags, so that read waits for the reply.
+int OpenGenericNodeWithoutWaiting(const char* path, int flags) {
+  const int fd = OpenRetryingWhileBusy(path, flags | O_NONBLOCK);
+  if (fd == -1) return -1;
+  const int current = kavo::os::Fcntl(fd, F_GETFL, 0);
+  if (current != -1 && kavo::os::Fcntl(fd, F_SETFL, current & ~O_NONBLOCK) == 0) return fd;
+  kavo::os::Close(fd);
+  return -1;
+}
+
 // Ioctl failures are ignored: the driver keeps its defaults then.
 void PrepareGenericDescriptor(int fd) {
   int reservedSize = kReservedBufferSize;
@@ -58,7 +74,7 @@ void PrepareGenericDescriptor(int fd) {
 
 // Runs on the path whose volumes may be mounted: the block node of a
 // generic drive, the device node itself otherwise.
-void UnmountBeforeExclusiveOpen(const SCSI_DeviceProperties& device, NodeKind kind) {
+void UnmountBeforeExclusiveOpen(const SCSI_DeviceProperties& device, SCSI_NodeKind kind) {
   CBasicString<char> mountCheckPath = kind == kGenericNode ? device.BlockDevicePath : device.DevicePath;
   // A generic drive without a known block node has nothing to check: an
   // empty path would match every mount and unmount everything, so the
@@ -81,6 +97,33 @@ class RegistryOpenHold {
   RegistryOpenHold& operator=(const RegistryOpenHold&) = delete;
 };
 
+// Opens a registered device; RescanLock and DevicesMapLock are held.
+int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, int* pBlockFileDesc) {
+  const SCSI_NodeKind kind = KindOfNode(device.DevicePath.GetString());
+  int flags = OpenFlagsFor(kind);
+  if (bExclusive == 1) {
+    flags |= O_EXCL;
+    UnmountBeforeExclusiveOpen(device, kind);
+  }
+  if (kind != kGenericNode) return OpenRetryingWhileBusy(device.DevicePath.GetString(), flags);
+  const int fd = OpenGenericNodeWithoutWaiting(device.DevicePath.GetString(), flags);
+  if (fd == -1) return -1;
+  PrepareGenericDescriptor(fd);
+  if (pBlockFileDesc != nullptr && !device.BlockDevicePath.IsEmpty())
+    *pBlockFileDesc = kavo::os::Open(device.BlockDevicePath.GetString(), O_RDONLY | O_NONBLOCK);
+  return fd;
+}
+
+// A copy of the cached descriptor of a drive held exclusively, or -1 when
+// the drive is not held. DevicesMapLock is held.
+bool DuplicateHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
+  CPosixSingleLock openedHold(&OpenedDevicesMapLock, 1);
+  SCSI_OpenedDevicesMap::const_iterator found = OpenedDevicesMap.find(device.DevicePath);
+  if (found == OpenedDevicesMap.end() || found->second == nullptr || found->second->nFileDesc < 0) return false;
+  *fd = kavo::os::Dup(found->second->nFileDesc);
+  return true;
+}
+
 }  // namespace
 
 int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusive, int* pBlockFileDesc) {
@@ -88,18 +131,26 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, nChannel, nTarget, nLun);
   if (device == nullptr) return -1;
-  const NodeKind kind = KindOfNode(device->DevicePath.GetString());
-  int flags = OpenFlagsFor(kind);
-  if (bExclusive == 1) {
-    flags |= O_EXCL;
-    UnmountBeforeExclusiveOpen(*device, kind);
-  }
-  const int fd = OpenRetryingWhileBusy(device->DevicePath.GetString(), flags);
-  if (fd == -1 || kind != kGenericNode) return fd;
-  PrepareGenericDescriptor(fd);
-  if (pBlockFileDesc != nullptr && !device->BlockDevicePath.IsEmpty())
-    *pBlockFileDesc = kavo::os::Open(device->BlockDevicePath.GetString(), O_RDONLY | O_NONBLOCK);
-  return fd;
+  return OpenRegisteredDevice(*device, bExclusive, pBlockFileDesc);
+}
+
+// The cached descriptor's number is only good while the registry locks are
+// held: once they are released an unset or a rebuild may close it and
+// another thread's open may get the same number for another drive. So the
+// copy is made here; it shares the open file (its O_EXCL hold, its pending
+// command length, its queued reply) and belongs to the request, and an
+// unset's close then drops only the cache's reference. The node kind comes
+// from the same record, so the path a request takes always fits its node.
+SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
+  SCSI_RequestDescriptor request = {-1, kOtherNode, false};
+  RegistryOpenHold hold;
+  const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
+  if (device == nullptr) return request;
+  request.registered = true;
+  request.kind = KindOfNode(device->DevicePath.GetString());
+  if (request.kind == kIdeNode && !ideCommandFits) return request;
+  if (!DuplicateHeldDescriptor(*device, &request.fd)) request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+  return request;
 }
 
 int SCSI_GetDeviceFileDesc(int nHost, int nChannel, int nTarget, int nLun) {

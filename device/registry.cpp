@@ -2,7 +2,11 @@
 
 #include <stdio.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "device/registry_internal.h"
+#include "discovery/init_internal.h"
 #include "runtime/os.h"
 
 SCSI_DevicesMap DevicesMap;
@@ -25,9 +29,50 @@ CPosixMutex OpenedDevicesMapLock(0);
 
 namespace {
 
-// The adapter's record, or null; like the map's own indexing, a number
-// never seen before gains an empty slot. The caller holds HostAdaptersMapLock.
-SCSI_HostAdapterProperties* AdapterSlot(int n) { return HostAdaptersMap[n]; }
+// Device locks whose records were purged while a request held them; guarded
+// by DevicesMapLock. See SCSI_DeleteDeviceProperties.
+std::vector<CPosixMutex*> RetiredDeviceLocks;
+
+// The adapter's record, or null. A plain find: looking up a number never
+// seen must not add an empty slot to the map.
+SCSI_HostAdapterProperties* AdapterSlot(int n) {
+  SCSI_HostAdaptersMap::const_iterator found = HostAdaptersMap.find(n);
+  return found == HostAdaptersMap.end() ? nullptr : found->second;
+}
+
+// Whether no thread holds lock, taking nothing away: Lock(0) succeeds only
+// when it is free (or held by the calling thread itself).
+bool IsFree(CPosixMutex* lock) {
+  if (lock->Lock(0) != 1) return false;
+  lock->Unlock();
+  return true;
+}
+
+// The registry's records are freed at unload, so that leak checkers see a
+// clean process. Defined after the maps and locks of this file, so it is
+// destroyed before them. A still-running monitor is stopped first. The
+// registry lock is only tried: a thread left blocked inside the library must
+// not stall the exit, and its records are then left alone. Descriptors of
+// drives still held are not closed: the process is ending anyway.
+class RegistryFreedAtUnload {
+ public:
+  ~RegistryFreedAtUnload() {
+    SCSI_StopMonitor();
+    if (DevicesMapLock.Lock(0) != 1) return;
+    for (const auto& entry : DevicesMap) SCSI_DeleteDeviceProperties(entry.second);
+    DevicesMap.clear();
+    for (CPosixMutex* lock : RetiredDeviceLocks) delete lock;
+    RetiredDeviceLocks.clear();
+    for (const auto& entry : OpenedDevicesMap) delete entry.second;
+    OpenedDevicesMap.clear();
+    DevicesMapLock.Unlock();
+    if (HostAdaptersMapLock.Lock(0) != 1) return;
+    for (const auto& entry : HostAdaptersMap) delete entry.second;
+    HostAdaptersMap.clear();
+    HostAdaptersMapLock.Unlock();
+  }
+} FreeRegistryAtUnload;
+
 }  // namespace
 
 void SCSI_AcquireDevicesMapLock() {
@@ -76,10 +121,48 @@ SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath) {
   return record;
 }
 
+// A request keeps the lock it took, not the record: it unlocks that very
+// mutex after its exchange. So the record may go at once, but a lock that
+// another thread holds must outlive it, or that thread would unlock freed
+// memory (or, looking it up again, a new record's lock it never took). Such
+// a lock is retired instead, and the request that releases it deletes it.
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record) {
   if (record == nullptr) return;
-  delete record->DeviceLock;
+  if (record->DeviceLock != nullptr && !IsFree(record->DeviceLock))
+    RetiredDeviceLocks.push_back(record->DeviceLock);
+  else
+    delete record->DeviceLock;
   delete record;
+}
+
+CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun) {
+  for (;;) {
+    if (DevicesMapLock.Lock(0) == 1) {
+      SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
+      CPosixMutex* lock = device == nullptr ? nullptr : device->DeviceLock;
+      const bool locked = lock != nullptr && lock->Lock(0) == 1;
+      SCSI_ReleaseDevicesMapLock();
+      if (locked) return lock;
+      if (lock == nullptr) return nullptr;
+    }
+    kavo::os::SleepMicroseconds(1);
+  }
+}
+
+void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
+  DevicesMapHold hold;
+  lock->Unlock();
+  std::vector<CPosixMutex*>::iterator retired = std::find(RetiredDeviceLocks.begin(), RetiredDeviceLocks.end(), lock);
+  if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
+  RetiredDeviceLocks.erase(retired);
+  delete lock;
+}
+
+CBasicString<char> SCSI_CopyAdapterName(int n) {
+  CPosixSingleLock hold(&HostAdaptersMapLock, 1);
+  const SCSI_HostAdapterProperties* adapter = AdapterSlot(n);
+  if (adapter == nullptr || adapter->AdapterName.IsEmpty()) return CBasicString<char>(pszUnknownHA);
+  return adapter->AdapterName;
 }
 
 void SCSI_RegisterDevice(const CBasicString<char>& deviceKey, SCSI_DeviceProperties* record) {

@@ -35,8 +35,21 @@ CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun);
 
 // A new device record with its own unowned DeviceLock, and its disposal.
+// The caller of the disposal holds DevicesMapLock; a DeviceLock that another
+// thread holds is retired, not deleted, until that thread unlocks it.
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath);
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record);
+
+// Takes the device's DeviceLock by polling (as SCSI_LockDevice) and returns
+// that very mutex, or null when the device is not registered. The holder
+// gives it back with SCSI_UnlockDeviceLock, never by looking the device up
+// again: a rebuild in between may have replaced the record.
+CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun);
+void SCSI_UnlockDeviceLock(CPosixMutex* lock);
+
+// The adapter's name, or the text of pszUnknownHA, copied while
+// HostAdaptersMapLock is held: a rebuild frees the record's own string.
+CBasicString<char> SCSI_CopyAdapterName(int n);
 
 // Stores a record under key, deleting one stored there before. Takes
 // DevicesMapLock itself.

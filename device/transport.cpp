@@ -1,10 +1,12 @@
 #include "device/transport.h"
 
+#include <errno.h>
 #include <stdio.h>
 
 #include <string>
 #include <vector>
 
+#include "device/transport_internal.h"
 #include "runtime/os.h"
 
 namespace {
@@ -15,25 +17,50 @@ const unsigned char kGroupCommandLength[8] = {6, 10, 10, 12, 12, 12, 10, 10};
 
 int DefaultCommandLength(int opcode) { return kGroupCommandLength[(opcode >> 5) & 7]; }
 
+// A signal that interrupts the call before it moved anything is not an
+// answer: the request was not taken, or the reply is still queued on the
+// descriptor, where the next request would read it as its own.
+ssize_t WriteUninterrupted(int fd, const void* buffer, size_t count) {
+  ssize_t written;
+  do written = kavo::os::Write(fd, buffer, count);
+  while (written < 0 && errno == EINTR);
+  return written;
+}
+
+ssize_t ReadUninterrupted(int fd, void* buffer, size_t count) {
+  ssize_t received;
+  do received = kavo::os::Read(fd, buffer, count);
+  while (received < 0 && errno == EINTR);
+  return received;
+}
+
 }  // namespace
 
 int SCSI_LinuxDeviceIo(int fd, sg_header* request, unsigned int requestLength, sg_header* reply,
                        unsigned int replyLength, unsigned int* bytesRead) {
-  ssize_t written = kavo::os::Write(fd, request, requestLength);
+  ssize_t written = WriteUninterrupted(fd, request, requestLength);
   if (written < 0 || static_cast<size_t>(written) != requestLength) {
     *bytesRead = 0;
     return 0;
   }
-  ssize_t received = kavo::os::Read(fd, reply, replyLength);
+  ssize_t received = ReadUninterrupted(fd, reply, replyLength);
   *bytesRead = static_cast<unsigned int>(received);
   return received >= 0 && static_cast<size_t>(received) == replyLength ? 1 : 0;
 }
 
 int SCSI_LinuxSetTimeout(int fd, int timeout) { return kavo::os::Ioctl(fd, SG_SET_TIMEOUT, &timeout); }
 
-void SCSI_Fix_CMD_LEN(int fd, int opcode, int cdbLength) {
-  if (DefaultCommandLength(opcode) == cdbLength) return;
+void SCSI_Fix_CMD_LEN(int fd, int opcode, int cdbLength) { SCSI_ArmCommandLength(fd, opcode, cdbLength); }
+
+bool SCSI_ArmCommandLength(int fd, int opcode, int cdbLength) {
+  if (DefaultCommandLength(opcode) == cdbLength) return false;
   kavo::os::Ioctl(fd, SG_NEXT_CMD_LEN, &cdbLength);
+  return true;
+}
+
+void SCSI_DisarmCommandLength(int fd) {
+  int none = 0;
+  kavo::os::Ioctl(fd, SG_NEXT_CMD_LEN, &none);
 }
 
 int SCSI_isadapter(int host, char* dirPath) {

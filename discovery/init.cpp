@@ -30,20 +30,10 @@ void StartHal() {
   if (!libhal_support_init()) libhal_support_done();
 }
 
-// Asks the monitor to stop and waits for it: at most the cycle in progress
-// (a rescan waiting for exclusive holds gives up) and one second of pause.
-void StopMonitor() {
-  if (MonitorRunning != 1 || pthread_equal(MonitorThread, pthread_self())) return;
-  MonitorStopRequest.store(1);
-  pthread_join(MonitorThread, nullptr);
-  MonitorRunning = 0;
-  MonitorStopRequest.store(0);
-}
-
 // For an application that unloads the library or exits without SCSI_Done:
 // the monitor must not outlive the maps, lists and locks it uses.
 struct MonitorTeardown {
-  ~MonitorTeardown() { StopMonitor(); }
+  ~MonitorTeardown() { SCSI_StopMonitor(); }
 };
 
 void StartMonitor(SCSI_MonitorFunction monitor) {
@@ -56,6 +46,16 @@ void StartMonitor(SCSI_MonitorFunction monitor) {
 }
 
 }  // namespace
+
+// Asks the monitor to stop and waits for it: at most the cycle in progress
+// (a rescan waiting for exclusive holds gives up) and one second of pause.
+void SCSI_StopMonitor() {
+  if (MonitorRunning != 1 || pthread_equal(MonitorThread, pthread_self())) return;
+  MonitorStopRequest.store(1);
+  pthread_join(MonitorThread, nullptr);
+  MonitorRunning = 0;
+  MonitorStopRequest.store(0);
+}
 
 bool SCSI_IsKernel26Release(char const* release) {
   int major = -1, minor = -1, patch = -1;
@@ -75,7 +75,12 @@ void SCSI_Init() {
   if (SCSI_MonitorFunction monitor = SCSI_TakeFirstSnapshot()) StartMonitor(monitor);
 }
 
+// Nothing may throw across this C entry point; stopping and HAL's shut-down
+// allocate nothing of their own, the guard is for what they call.
 void SCSI_Done(void) {
-  StopMonitor();
-  if (libhal_support_is_available()) libhal_support_done();
+  try {
+    SCSI_StopMonitor();
+    if (libhal_support_is_available()) libhal_support_done();
+  } catch (...) {
+  }
 }

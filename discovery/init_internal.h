@@ -16,6 +16,10 @@ extern int MonitorRunning;
 extern pthread_t MonitorThread;
 extern std::atomic<int> MonitorStopRequest;
 
+// Stops and joins the monitor thread when one runs (SCSI_Done, and the
+// registry's release at unload).
+void SCSI_StopMonitor();
+
 // True for a "%d.%d.%d" release of 2.6 or later.
 bool SCSI_IsKernel26Release(char const* release);
 

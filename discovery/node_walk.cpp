@@ -62,7 +62,8 @@ void SCSI_WalkDeviceNodes(SCSI_NodePathMaker makePath, int flags, const SCSI_Nod
 }
 
 bool SCSI_IsIdeScsiHost(int host) {
-  return IsKernel26 == 1 && strcmp(SCSI_GetAdapterName(IdeAdapterCount + host), "ide-scsi") == 0;
+  // A copy: the name is compared after HostAdaptersMapLock is released.
+  return IsKernel26 == 1 && strcmp(SCSI_CopyAdapterName(IdeAdapterCount + host).GetString(), "ide-scsi") == 0;
 }
 
 bool SCSI_IsDevicePresent(int host, int channel, int target, int lun) {

@@ -69,7 +69,7 @@ TEST_F(ExclusiveTest, NestedHoldsShareOneDescriptorAndGiveTheBlockNodeBackFirst)
   EXPECT_TRUE(world_.ShellCommands().empty());
   ASSERT_EQ(2u, world_.Opens().size());
   EXPECT_EQ("/dev/sg0", world_.Opens()[0].path);
-  EXPECT_EQ(O_RDWR | O_EXCL, world_.Opens()[0].flags);
+  EXPECT_EQ(O_RDWR | O_NONBLOCK | O_EXCL, world_.Opens()[0].flags);
   EXPECT_EQ("/dev/sr0", world_.Opens()[1].path);
   const int fd = EntryOf("/dev/sg0").nFileDesc;
   EXPECT_GE(fd, 0);

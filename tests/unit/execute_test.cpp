@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -62,7 +63,7 @@ class ExecuteTest : public ::testing::Test {
     srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
     srb.SRB_PostProc = nullptr;
     memset(srb.CDBByte, 0, sizeof srb.CDBByte);
-    memcpy(srb.CDBByte, cdb.data(), cdb.size() < 16 ? cdb.size() : 16);
+    std::copy_n(cdb.begin(), cdb.size() < 16 ? cdb.size() : 16, srb.CDBByte);
     return srb;
   }
 

@@ -34,7 +34,7 @@ TEST_F(OpenTest, FlagsFollowTheNodeKindAndOnlyGenericNodesArePrepared) {
   struct Case {
     const char* path;
     int flags;
-  } cases[] = {{"/dev/sg3", O_RDWR},    {"/dev/hdc", O_RDWR | O_NONBLOCK},
+  } cases[] = {{"/dev/sg3", O_RDWR | O_NONBLOCK},    {"/dev/hdc", O_RDWR | O_NONBLOCK},
                {"/dev/scd0", O_RDONLY}, {"sg1", O_RDONLY},
                {"/dev/s", O_RDONLY},    {"/dev/", O_RDONLY}};
   int target = 0;
@@ -53,7 +53,7 @@ TEST_F(OpenTest, FlagsFollowTheNodeKindAndOnlyGenericNodesArePrepared) {
                    : record.request == SG_SET_TIMEOUT     ? "timeout "
                                                           : "? ") +
                   std::to_string(record.value) + " ";
-    EXPECT_EQ(c.flags == O_RDWR ? "size 131072 timeout 10800000 " : "", prepared);
+    EXPECT_EQ(c.path == std::string("/dev/sg3") ? "size 131072 timeout 10800000 " : "", prepared);
     kavo::os::Close(fd);
   }
   EXPECT_EQ(0, world_.OpenDescriptorCount());
@@ -120,10 +120,10 @@ TEST_F(OpenTest, ExclusiveOpenUnmountsTheRightNode) {
     bool mtab;  // without one everything counts as mounted
     Lines commands;
     int flags;
-  } cases[] = {{0, 1, true, {kUmount}, O_RDWR | O_EXCL},
+  } cases[] = {{0, 1, true, {kUmount}, O_RDWR | O_NONBLOCK | O_EXCL},
                {1, 1, true, {"umount /dev/hdc > /dev/null 2>&1"}, O_RDWR | O_NONBLOCK | O_EXCL},
-               {2, 1, false, {}, O_RDWR | O_EXCL},
-               {0, 2, false, {}, O_RDWR}};
+               {2, 1, false, {}, O_RDWR | O_NONBLOCK | O_EXCL},
+               {0, 2, false, {}, O_RDWR | O_NONBLOCK}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.target);
     world_.ClearLogs();
