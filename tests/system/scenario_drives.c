@@ -36,50 +36,33 @@ static const Request requests[] = {
     {"TEST UNIT READY with the disc in", ATAPI, {0}, 6, 0, 0, SS_COMP, 0, 0, 0, ANY},
     {"TEST UNIT READY without a medium: NOT READY", EMPTY, {0}, 6, 0, 0, SS_ERR, 2, 0, 2, ANY},
     /* Of a group the driver would cut to 12 bytes. */
-    {"READ(16) reaches the drive whole", SCSI, {0x88}, 16, SRB_DIR_IN, 4096, SS_COMP, 0, 0, 0, DISC},
-    {"SEND KEY completes whatever the drive says", SCSI, {0xA3}, 12, 0, 0, SS_COMP, 0, 0, 5, ANY},
+    {"READ(16) reaches the drive whole", SCSI, {0x88}, 16, SRB_DIR_IN, 4096, SS_COMP, 0, SRB_DIR_IN, 0, DISC},
+    {"SEND KEY is made data-out and completes whatever the drive says", SCSI, {0xA3}, 12, 0, 0, SS_COMP, 0,
+     SRB_DIR_OUT, 5, ANY},
 };
 
-static const Drive* drive_of(const Machine* vm, int which) {
-  return which == SCSI ? vm->scsi : which == EMPTY ? vm->empty : vm->atapi;
-}
-
-static int data_as_expected(const Request* row, unsigned lba, const unsigned char* got) {
-  unsigned char expected[4096];
-  if (row->data == DISC) return disc_sectors(lba, row->length / 2048, expected) && !memcmp(got, expected, row->length);
-  if (row->data == UNTOUCHED) return got[0] == 0x5A && got[row->length - 1] == 0x5A;
-  return row->data != INQUIRED || (memcmp(got + 8, "QEMU", 4) == 0 && (got[0] & 0x1F) == 5);
-}
-
-/* Every request asks for 32 bytes of sense: at most 16 may be written. */
-static void check_request(const Machine* vm, const Disc* disc, const Request* row) {
-  unsigned char buffer[4096];
+static void check_request(const Drive* drive, const Disc* disc, const Request* row) {
+  unsigned char buffer[4096], expected[4096];
   const unsigned lba = disc->data_lba, count = row->length / 2048;
   const unsigned char read16[8] = {lba >> 24, lba >> 16, lba >> 8, lba, 0, 0, count >> 8, count};
-  struct {
-    SRB_ExecSCSICmd srb;
-    unsigned char beyond[16];
-  } block;
-  const SRB_ExecSCSICmd* srb = &block.srb;
+  SRB_ExecSCSICmd srb;
   char what[128];
   memset(buffer, 0x5A, sizeof buffer);
-  memset(block.beyond, 0xC3, sizeof block.beyond);
-  srb_init(&block.srb, drive_of(vm, row->drive), row->flags, buffer, row->length, row->cdb, row->cdb_length);
-  if (row->cdb[0] == 0x28) cdb_read10(block.srb.CDBByte, lba, count);
-  if (row->cdb[0] == 0x88) memcpy(block.srb.CDBByte + 6, read16, sizeof read16);
-  block.srb.SRB_SenseLen = 32;
-  unsigned result = SendASPI32Command(&block.srb);
-  int data = data_as_expected(row, lba, buffer);
-  snprintf(what, sizeof what, "%s (%s)", row->what, drive_of(vm, row->drive)->generic);
-  check(result == SS_PENDING && srb->SRB_Status == row->status && srb->SRB_TargStat == row->target_status &&
-            srb->SRB_HaStat == 0 && (!row->flags_after || srb->SRB_Flags == row->flags_after) &&
-            (srb->SenseArea[2] & 0x0F) == row->sense_key && block.beyond[0] == 0xC3 && data,
-        what, "result %#x, status %#x, target %#x, flags %#x, sense key %x, past the sense %#x, data %s", result,
-        srb->SRB_Status, srb->SRB_TargStat, srb->SRB_Flags, srb->SenseArea[2] & 0x0F, block.beyond[0],
-        data ? "right" : "wrong");
+  srb_init(&srb, drive, row->flags, buffer, row->length, row->cdb, row->cdb_length);
+  if (row->cdb[0] == 0x28) cdb_read10(srb.CDBByte, lba, count);
+  if (row->cdb[0] == 0x88) memcpy(srb.CDBByte + 6, read16, sizeof read16);
+  unsigned result = SendASPI32Command(&srb);
+  int data = row->data == DISC ? disc_sectors(lba, count, expected) && !memcmp(buffer, expected, row->length)
+             : row->data == UNTOUCHED ? buffer[0] == 0x5A && buffer[row->length - 1] == 0x5A
+             : row->data == INQUIRED ? !memcmp(buffer + 8, "QEMU", 4) && (buffer[0] & 0x1F) == 5 : 1;
+  snprintf(what, sizeof what, "%s (%s)", row->what, drive->generic);
+  check(result == SS_PENDING && srb.SRB_Status == row->status && srb.SRB_TargStat == row->target_status &&
+            srb.SRB_HaStat == 0 && srb.SRB_Flags == row->flags_after && (srb.SenseArea[2] & 0x0F) == row->sense_key &&
+            data,
+        what, "result %#x, status %#x, target %#x, flags %#x, sense key %x, data %s", result, srb.SRB_Status,
+        srb.SRB_TargStat, srb.SRB_Flags, srb.SenseArea[2] & 0x0F, data ? "right" : "wrong");
 }
 
-/* ---- exclusive mode, step by step on each drive with a disc */
 enum Action { TYPE, MOUNT, UNMOUNT, TAKE, RELEASE, OPEN_EXCLUSIVE, OPEN_PLAIN, OPEN_BLOCK, THREADS };
 typedef struct {
   const char* what;
@@ -109,33 +92,28 @@ static const Step steps[] = {
     {"releasing a drive not held fails", RELEASE, -1},
 };
 
-typedef struct {
-  const Drive* drive;
-  unsigned first_lba;
-  int wrong;
-} Reader;
+/* The threads' drive and disc, set before they start. */
+static const Drive* reading;
+static const Disc* read_disc;
 
-static void* read_sectors(void* argument) {
-  Reader* reader = argument;
+static void* read_sectors(void* wrong) {
   unsigned char got[8 * 2048], expected[8 * 2048];
-  for (unsigned lba = reader->first_lba; lba < reader->first_lba + 20 * 8; lba += 8) {
-    memset(got, 0, sizeof got);
-    reader->wrong += aspi_read10(reader->drive, lba, 8, got) != SS_COMP || !disc_sectors(lba, 8, expected) ||
-                     memcmp(got, expected, sizeof got) != 0;
-  }
+  const unsigned first = read_disc->data_lba + (unsigned)*(int*)wrong * 200;
+  *(int*)wrong = 0;
+  for (unsigned lba = first; lba < first + 20 * 8; lba += 8)
+    *(int*)wrong += aspi_read10(reading, lba, 8, got) != SS_COMP || !disc_sectors(lba, 8, expected) ||
+                    memcmp(got, expected, sizeof got) != 0;
   return NULL;
 }
 
 static int read_in_threads(const Drive* drive, const Disc* disc) {
-  Reader readers[4];
   pthread_t threads[4];
-  int wrong = 0;
-  for (int i = 0; i < 4; ++i) {
-    readers[i] = (Reader){drive, disc->data_lba + (unsigned)i * 200, 0};
-    pthread_create(&threads[i], NULL, read_sectors, &readers[i]);
-  }
-  for (int i = 0; i < 4; ++i) wrong += pthread_join(threads[i], NULL) == 0 ? readers[i].wrong : 20;
-  return wrong;
+  int wrong[4] = {0, 1, 2, 3}, total = 0; /* in: the thread's index; out: its wrong reads */
+  reading = drive;
+  read_disc = disc;
+  for (int i = 0; i < 4; ++i) pthread_create(&threads[i], NULL, read_sectors, &wrong[i]);
+  for (int i = 0; i < 4; ++i) total += pthread_join(threads[i], NULL) == 0 ? wrong[i] : 20;
+  return total;
 }
 
 static int open_error(const char* path, int flags) {
@@ -165,18 +143,20 @@ int main(void) {
   Disc disc;
   char what[160];
   find_machine(&vm);
+  const Drive* drives[] = {vm.scsi, vm.empty, vm.atapi};
   check_group("drives");
   if (!check(vm.scsi && vm.empty && vm.atapi && vm.scsi->block[0] && vm.atapi->block[0] && load_disc(&disc),
              "the machine has its drives, their block nodes and the disc", "%d drives", vm.count))
     return check_finish();
-  for (int which = SCSI; which <= ATAPI; ++which) settle(drive_of(&vm, which));
-  for (unsigned i = 0; i < sizeof requests / sizeof requests[0]; ++i) check_request(&vm, &disc, &requests[i]);
+  for (int which = SCSI; which <= ATAPI; ++which) settle(drives[which]);
+  for (unsigned i = 0; i < sizeof requests / sizeof requests[0]; ++i)
+    check_request(drives[requests[i].drive], &disc, &requests[i]);
   check_group("exclusive");
   check(ASPI_setExclusiveMode(vm.scsi->host, 5) == -1, "taking an address without a drive fails", "it succeeded");
   for (int which = SCSI; which <= ATAPI; which += ATAPI - SCSI)
     for (unsigned i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
-      int got = run(drive_of(&vm, which), &disc, steps[i].action, mount_points[which]);
-      snprintf(what, sizeof what, "%s (%s)", steps[i].what, drive_of(&vm, which)->generic);
+      int got = run(drives[which], &disc, steps[i].action, mount_points[which]);
+      snprintf(what, sizeof what, "%s (%s)", steps[i].what, drives[which]->generic);
       check(got == steps[i].expected, what, "got %d, expected %d", got, steps[i].expected);
     }
   return check_finish();
