@@ -13,6 +13,7 @@
 
 #include "support.h"
 
+static Disc disc;
 enum { SCSI, EMPTY, ATAPI };             /* the drive a row addresses */
 enum { ANY, DISC, UNTOUCHED, INQUIRED }; /* the check on the data */
 typedef struct {
@@ -41,9 +42,9 @@ static const Request requests[] = {
      SRB_DIR_OUT, 5, ANY},
 };
 
-static void check_request(const Drive* drive, const Disc* disc, const Request* row) {
+static void check_request(const Drive* drive, const Request* row) {
   unsigned char buffer[4096], expected[4096];
-  const unsigned lba = disc->data_lba, count = row->length / 2048;
+  const unsigned lba = disc.data_lba, count = row->length / 2048;
   const unsigned char read16[8] = {lba >> 24, lba >> 16, lba >> 8, lba, 0, 0, count >> 8, count};
   SRB_ExecSCSICmd srb;
   char what[128];
@@ -63,7 +64,7 @@ static void check_request(const Drive* drive, const Disc* disc, const Request* r
         srb.SRB_TargStat, srb.SRB_Flags, srb.SenseArea[2] & 0x0F, data ? "right" : "wrong");
 }
 
-enum Action { TYPE, MOUNT, UNMOUNT, TAKE, RELEASE, OPEN_EXCLUSIVE, OPEN_PLAIN, OPEN_BLOCK, THREADS };
+enum Action { TYPE, MOUNT, UNMOUNT, TAKE, RELEASE, OPEN_EXCLUSIVE, OPEN_PLAIN, THREADS };
 typedef struct {
   const char* what;
   enum Action action;
@@ -88,17 +89,14 @@ static const Step steps[] = {
     {"the drive stays held until the last release", OPEN_EXCLUSIVE, EBUSY},
     {"the last hold is released", RELEASE, 0},
     {"the generic node opens exclusively again", OPEN_EXCLUSIVE, 0},
-    {"the block node opens exclusively again", OPEN_BLOCK, 0},
     {"releasing a drive not held fails", RELEASE, -1},
 };
 
-/* The threads' drive and disc, set before they start. */
-static const Drive* reading;
-static const Disc* read_disc;
+static const Drive* reading; /* the threads' drive, set before they start */
 
 static void* read_sectors(void* wrong) {
   unsigned char got[8 * 2048], expected[8 * 2048];
-  const unsigned first = read_disc->data_lba + (unsigned)*(int*)wrong * 200;
+  const unsigned first = disc.data_lba + (unsigned)*(int*)wrong * 200;
   *(int*)wrong = 0;
   for (unsigned lba = first; lba < first + 20 * 8; lba += 8)
     *(int*)wrong += aspi_read10(reading, lba, 8, got) != SS_COMP || !disc_sectors(lba, 8, expected) ||
@@ -106,11 +104,10 @@ static void* read_sectors(void* wrong) {
   return NULL;
 }
 
-static int read_in_threads(const Drive* drive, const Disc* disc) {
+static int read_in_threads(const Drive* drive) {
   pthread_t threads[4];
   int wrong[4] = {0, 1, 2, 3}, total = 0; /* in: the thread's index; out: its wrong reads */
   reading = drive;
-  read_disc = disc;
   for (int i = 0; i < 4; ++i) pthread_create(&threads[i], NULL, read_sectors, &wrong[i]);
   for (int i = 0; i < 4; ++i) total += pthread_join(threads[i], NULL) == 0 ? wrong[i] : 20;
   return total;
@@ -121,7 +118,7 @@ static int open_error(const char* path, int flags) {
   return fd < 0 ? errno : close(fd);
 }
 
-static int run(const Drive* drive, const Disc* disc, enum Action action, const char* mount_point) {
+static int run(const Drive* drive, enum Action action, const char* mount_point) {
   SRB_GDEVBlock type = {.SRB_Cmd = SC_GET_DEV_TYPE, .SRB_HaId = drive->host, .SRB_Target = drive->target};
   switch (action) {
     case TYPE: return SendASPI32Command(&type) == SS_COMP ? type.SRB_DeviceType : -1;
@@ -131,8 +128,7 @@ static int run(const Drive* drive, const Disc* disc, enum Action action, const c
     case RELEASE: return ASPI_unsetExclusiveMode(drive->host, drive->target);
     case OPEN_EXCLUSIVE: return open_error(drive->generic, O_RDWR | O_EXCL);
     case OPEN_PLAIN: return open_error(drive->generic, O_RDWR);
-    case OPEN_BLOCK: return open_error(drive->block, O_RDONLY | O_EXCL);
-    case THREADS: return read_in_threads(drive, disc);
+    case THREADS: return read_in_threads(drive);
   }
   return -2;
 }
@@ -140,7 +136,6 @@ static int run(const Drive* drive, const Disc* disc, enum Action action, const c
 int main(void) {
   const char* mount_points[] = {"/mnt/scsi", "", "/mnt/atapi"};
   Machine vm;
-  Disc disc;
   char what[160];
   find_machine(&vm);
   const Drive* drives[] = {vm.scsi, vm.empty, vm.atapi};
@@ -150,12 +145,12 @@ int main(void) {
     return check_finish();
   for (int which = SCSI; which <= ATAPI; ++which) settle(drives[which]);
   for (unsigned i = 0; i < sizeof requests / sizeof requests[0]; ++i)
-    check_request(drives[requests[i].drive], &disc, &requests[i]);
+    check_request(drives[requests[i].drive], &requests[i]);
   check_group("exclusive");
   check(ASPI_setExclusiveMode(vm.scsi->host, 5) == -1, "taking an address without a drive fails", "it succeeded");
   for (int which = SCSI; which <= ATAPI; which += ATAPI - SCSI)
     for (unsigned i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
-      int got = run(drives[which], &disc, steps[i].action, mount_points[which]);
+      int got = run(drives[which], steps[i].action, mount_points[which]);
       snprintf(what, sizeof what, "%s (%s)", steps[i].what, drives[which]->generic);
       check(got == steps[i].expected, what, "got %d, expected %d", got, steps[i].expected);
     }

@@ -27,12 +27,6 @@ int check(int passed, const char* what, const char* why_format, ...) {
 
 int check_finish(void) { return failures == 0 ? 0 : 1; }
 
-static const Drive* find_drive(const Machine* vm, const char* host_driver, int target) {
-  for (int i = 0; i < vm->count; ++i)
-    if (strcmp(vm->drives[i].host_driver, host_driver) == 0 && vm->drives[i].target == target) return &vm->drives[i];
-  return NULL;
-}
-
 /* sysfs: sgN/device links to H:C:T:L, whose block/ holds srN. */
 void find_machine(Machine* vm) {
   glob_t found;
@@ -47,16 +41,19 @@ void find_machine(Machine* vm) {
     sscanf(strrchr(link, '/') + 1, "%d:%d:%d:%d", &drive->host, &drive->channel, &drive->target, &drive->lun);
     snprintf(drive->generic, sizeof drive->generic, "/dev/sg%d", n);
     snprintf(path, sizeof path, "/sys/class/scsi_generic/sg%d/device/block/*", n);
-    if (glob(path, 0, NULL, &found) == 0) snprintf(drive->block, 32, "/dev/%.20s", strrchr(found.gl_pathv[0], '/') + 1);
+    if (glob(path, 0, NULL, &found) == 0)
+      snprintf(drive->block, sizeof drive->block, "/dev/%.20s", strrchr(found.gl_pathv[0], '/') + 1);
     globfree(&found);
     snprintf(path, sizeof path, "/sys/class/scsi_host/host%d/proc_name", drive->host);
     FILE* file = fopen(path, "r");
-    if (file && fscanf(file, "%63s", drive->host_driver) == 1) ++vm->count;
+    const int named = file && fscanf(file, "%63s", drive->host_driver) == 1;
     if (file) fclose(file);
+    if (!named) continue;
+    if (strcmp(drive->host_driver, "virtio_scsi") == 0 && drive->target == 0) vm->scsi = drive;
+    if (strcmp(drive->host_driver, "virtio_scsi") == 0 && drive->target == 1) vm->empty = drive;
+    if (strcmp(drive->host_driver, "ata_piix") == 0 && drive->target == 0) vm->atapi = drive;
+    ++vm->count;
   }
-  vm->scsi = find_drive(vm, "virtio_scsi", 0);
-  vm->empty = find_drive(vm, "virtio_scsi", 1);
-  vm->atapi = find_drive(vm, "ata_piix", 0);
 }
 
 int load_disc(Disc* disc) {

@@ -28,11 +28,10 @@ typedef struct Machine {
 } Machine;
 void find_machine(Machine* machine);
 
-typedef struct Disc {
-  unsigned sectors, readme_lba, readme_size, data_lba, data_size;
-} Disc;
-int load_disc(Disc* disc);                                          /* from /opt/kavo/disc.env; 1 on success */
-int disc_sectors(unsigned lba, unsigned count, unsigned char* out); /* from /opt/kavo/disc.iso; 1 on success */
+/* The test disc: /opt/kavo/disc.env and the sectors of disc.iso; 1 on success. */
+typedef struct Disc { unsigned sectors, readme_lba, readme_size, data_lba, data_size; } Disc;
+int load_disc(Disc* disc);
+int disc_sectors(unsigned lba, unsigned count, unsigned char* out);
 
 /* Without IDE adapters the ASPI adapter number is the Linux host number. */
 void srb_init(SRB_ExecSCSICmd* srb, const Drive* drive, unsigned char flags, unsigned char* buffer,
