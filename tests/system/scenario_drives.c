@@ -36,7 +36,7 @@ static const Request requests[] = {
     {"READ(10) without direction bits transfers nothing", SCSI, {0x28}, 10, 0, 2048, SS_COMP, 0, 0, 0, UNTOUCHED},
     {"TEST UNIT READY with the disc in", ATAPI, {0}, 6, 0, 0, SS_COMP, 0, 0, 0, ANY},
     {"TEST UNIT READY without a medium: NOT READY", EMPTY, {0}, 6, 0, 0, SS_ERR, 2, 0, 2, ANY},
-    /* Of a group the driver would cut to 12 bytes. */
+    /* Older drivers would cut its group to 12 bytes. */
     {"READ(16) reaches the drive whole", SCSI, {0x88}, 16, SRB_DIR_IN, 4096, SS_COMP, 0, SRB_DIR_IN, 0, DISC},
     {"SEND KEY is made data-out and completes whatever the drive says", SCSI, {0xA3}, 12, 0, 0, SS_COMP, 0,
      SRB_DIR_OUT, 5, ANY},
