@@ -139,14 +139,14 @@ int main(void) {
   char what[160];
   find_machine(&vm);
   const Drive* drives[] = {vm.scsi, vm.empty, vm.atapi};
-  check_group("drives");
+  check_group("requests");
   if (!check(vm.scsi && vm.empty && vm.atapi && vm.scsi->block[0] && vm.atapi->block[0] && load_disc(&disc),
              "the machine has its drives, their block nodes and the disc", "%d drives", vm.count))
     return check_finish();
   for (int which = SCSI; which <= ATAPI; ++which) settle(drives[which]);
   for (unsigned i = 0; i < sizeof requests / sizeof requests[0]; ++i)
     check_request(drives[requests[i].drive], &requests[i]);
-  check_group("exclusive");
+  check_group("each drive");
   check(ASPI_setExclusiveMode(vm.scsi->host, 5) == -1, "taking an address without a drive fails", "it succeeded");
   for (int which = SCSI; which <= ATAPI; which += ATAPI - SCSI)
     for (unsigned i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
