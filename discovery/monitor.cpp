@@ -56,12 +56,16 @@ void CallEach(CallbackList& list, unsigned int address) {
 // monitor is asked to stop).
 class ChangeAnnouncer {
  public:
-  void Announce(CallbackList& list, unsigned int address) {
+  // The rebuild of the cycle's first change; true when the registry was rebuilt.
+  bool Rescan() {
     if (!rescanned_) {
       rescanned_ = true;
       rebuilt_ = SCSI_Rescan();
     }
-    if (rebuilt_) CallEach(list, address);
+    return rebuilt_;
+  }
+  void Announce(CallbackList& list, unsigned int address) {
+    if (Rescan()) CallEach(list, address);
   }
 
  private:
@@ -101,7 +105,8 @@ template <typename Record>
 void AnnounceMissing(const std::vector<Record*>& from, const std::vector<Record*>& to, CallbackList& callbacks,
                      ChangeAnnouncer& announcer) {
   for (const Record* record : from)
-    if (record != nullptr && !Contains(to, *record))
+    // Packed after the rebuild, with the adapter numbering it handed out.
+    if (record != nullptr && !Contains(to, *record) && announcer.Rescan())
       announcer.Announce(callbacks, AddressOf(record->HostNumber, record->TargetId, 0));
 }
 
