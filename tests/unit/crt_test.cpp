@@ -69,47 +69,49 @@ TEST(BoundedText, ResultTextAndErrnoOfEachCall) {
   EXPECT_EQ((std::vector<unsigned short>{'a', 'b', 0}), std::vector<unsigned short>(wide, wide + 3));
 }
 
-TEST(MemoryCopy, ZeroesTheWholeDestinationOnFailure) {
+TEST(MemoryCopy, ZeroesTheWholeDestinationOnFailureAndCountsWideUnits) {
   const char src[8] = {1, 2, 3, 4, 5, 6, 7, 8};
   char dst[6] = {9, 9, 9, 9, 9, 9};
   EXPECT_EQ(ERANGE, memcpy_s(dst, 4, src, 8));
   EXPECT_EQ(std::string(4, '\0') + "\x09\x09", std::string(dst, 6));
   EXPECT_EQ(0, memcpy_s(nullptr, 4, src, 0));
-  // Sizes count 16-bit units: two units are four bytes.
   const unsigned short units[3] = {0x1111, 0x2222, 0x3333};
   unsigned short wide[3] = {7, 7, 7};
   EXPECT_EQ(0, wmemcpy_s(wide, 2, units, 2));
   EXPECT_EQ(0x2222, wide[1]);
   EXPECT_EQ(ERANGE, wmemcpy_s(wide, 2, units, 3));
-  EXPECT_EQ(0, wide[1]);
-  EXPECT_EQ(7, wide[2]);
+  EXPECT_EQ((std::vector<unsigned short>{0, 0, 7}), std::vector<unsigned short>(wide, wide + 3));
   EXPECT_EQ(ERANGE, wmemcpy_s(wide, 2, units, 0x80000001u));
 }
 
-TEST(Tokens, SkipRunsOfDelimitersAndKeepTheirPlaceInContext) {
-  char text[] = ",,a,,b,";
-  char* context = nullptr;
+TEST(Text, TokensIntegersCaseAndOrder) {
+  char text[] = ",,a,,b,", split[] = "x\xE9y\xE9", *context = nullptr;
   EXPECT_STREQ("a", strtok_s(text, ",", &context));
   EXPECT_STREQ("b", strtok_s(nullptr, ",", &context));
   EXPECT_EQ(nullptr, strtok_s(nullptr, ",", &context));
-  char split[] = "x\xE9y\xE9";
   EXPECT_STREQ("x", strtok_s(split, "\xE9", &context));
   EXPECT_STREQ("y", strtok_s(nullptr, "\xE9", &context));
   errno = 0;
   context = nullptr;
   EXPECT_EQ(nullptr, strtok_s(nullptr, ",", &context));
   EXPECT_EQ(EINVAL, errno);
+  char dst[40], mixed[] = "MiXeD 1\xE9", even[] = "abcd";
+  EXPECT_STREQ("-2147483648", _itoa(-2147483647 - 1, dst, 10));
+  EXPECT_STREQ("z", _itoa(35, dst, 36));
+  EXPECT_STREQ("ffffffff", _itoa(-1, dst, 16));
+  EXPECT_STREQ("MIXED 1\xE9", _strupr(mixed));
+  EXPECT_STREQ("dcba", _strrev(even));
 }
 
 TEST(Time, RefuseShortBuffersAndNegativeTimesWithoutTouchingErrno) {
   const long when = 86400L * 365, before = -1;
   const time_t whenTime = when;
   char buf[32] = "zz", expected[32];
+  tm record, reference;
   errno = kUntouched;
   EXPECT_EQ(EINVAL, ctime_s(buf, 25, &when));
   EXPECT_EQ(0, buf[0]);
   EXPECT_EQ(EINVAL, ctime_s(buf, 26, &before));
-  tm record, reference;
   EXPECT_EQ(EINVAL, localtime_s(&record, &before));
   EXPECT_EQ(-1, record.tm_mday) << "every field set to -1";
   EXPECT_EQ(0, localtime_s(&record, &when));
@@ -120,24 +122,13 @@ TEST(Time, RefuseShortBuffersAndNegativeTimesWithoutTouchingErrno) {
   EXPECT_STREQ(ctime_r(&whenTime, expected), buf);
 }
 
-TEST(IntegerText, DigitsSignCaseAndOrder) {
-  char dst[40];
-  EXPECT_STREQ("-2147483648", _itoa(-2147483647 - 1, dst, 10));
-  EXPECT_STREQ("z", _itoa(35, dst, 36));
-  EXPECT_STREQ("ffffffff", _itoa(-1, dst, 16));
-  char text[] = "MiXeD 1\xE9";
-  EXPECT_STREQ("MIXED 1\xE9", _strupr(text));
-  char even[] = "abcd";
-  EXPECT_STREQ("dcba", _strrev(even));
-}
-
 TEST(Files, OpenRealFilesAndReportErrno) {
   char path[] = "/tmp/kavo-crt-XXXXXX";
   close(mkstemp(path));
   int fd = 99;
+  FILE* file = nullptr;
   EXPECT_EQ(EINVAL, sopen_s(&fd, path, O_RDONLY, 0, 0x1A4)) << "a mode beyond read and write";
   EXPECT_EQ(-1, fd);
-  FILE* file = nullptr;
   ASSERT_EQ(0, fopen_s(&file, path, "r"));
   fclose(file);
   unlink(path);

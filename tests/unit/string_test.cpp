@@ -1,10 +1,12 @@
-// CBasicString's growth rule, formatting limit and self-references, and the
-// comparison that orders the device maps.
+// CBasicString's growth rule, formatting limit and self-references, the
+// comparison that orders the device maps, and the device keys in them.
 #include "runtime/string.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "device/registry_internal.h"
 
 namespace {
 
@@ -58,6 +60,22 @@ TEST(UnicodeStringCmp, EndOfStringDecidesBeforeCharacters) {
     EXPECT_EQ(row.result, UnicodeStringCmp<char>(row.left, row.right, row.count));
   }
   EXPECT_EQ(0u, UnicodeStringLen<char>(nullptr));
+}
+
+// The key is built by hand on the request path; it reads as the format makes it.
+TEST(DeviceKey, ReadsAsTheFormatMakesIt) {
+  for (int value : {-100, -5, 0, 7, 10, 99, 100, 255, 1000, 2147483647}) {
+    for (int field = 0; field < 4; ++field) {
+      int n[4] = {3, 0, 1, 0};
+      n[field] = value;
+      CBasicString<char> expected;
+      expected.Format("h%02dc%02dt%02dd%02d", n[0], n[1], n[2], n[3]);
+      const CBasicString<char> made = SCSI_MakeDeviceKey(n[0], n[1], n[2], n[3]);
+      EXPECT_STREQ(expected.GetString(), made.GetString()) << "field " << field << " = " << value;
+      EXPECT_EQ(expected.GetLength(), made.GetLength());
+    }
+  }
+  EXPECT_EQ(26, SCSI_MakeDeviceKey(0, 0, 0, 0).GetCapacity()) << "the growth rule's buffer for 12 characters";
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The synchronisation objects across real threads: timed waits that wake on
-// release, recursion and ownership, manual- and auto-reset events.
+// The synchronisation objects across real threads: recursion and ownership,
+// timed waits that wake on release, semaphores and events.
 #include "runtime/sync.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -17,33 +16,33 @@ long MillisecondsSince(Clock::time_point start) {
   return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
 }
 
-// What Lock(0) answers on another thread (released again when it got it).
-int TryLockElsewhere(CPosixSyncObject& object) {
+// What Lock(0) (or Unlock) answers on another thread; a lock got is given back.
+int Elsewhere(CPosixSyncObject& object, bool unlock = false) {
   int result = -1;
   std::thread([&] {
-    result = object.Lock(0);
-    if (result == 1) object.Unlock();
+    result = unlock ? object.Unlock() : object.Lock(0);
+    if (!unlock && result == 1) object.Unlock();
   }).join();
   return result;
 }
 
 TEST(PosixMutex, RecursionOwnershipAndInitialOwner) {
-  CPosixMutex mutex(0);
-  EXPECT_EQ(0, mutex.Unlock()) << "not held";
-  ASSERT_EQ(1, mutex.Lock(0));
-  ASSERT_EQ(1, mutex.Lock(0));
-  EXPECT_EQ(0, TryLockElsewhere(mutex));
-  int foreignUnlock = -1;
-  std::thread([&] { foreignUnlock = mutex.Unlock(); }).join();
-  EXPECT_EQ(0, foreignUnlock);
-  ASSERT_EQ(1, mutex.Unlock());
-  EXPECT_EQ(0, TryLockElsewhere(mutex)) << "one level is still held";
-  ASSERT_EQ(1, mutex.Unlock());
-  EXPECT_EQ(1, TryLockElsewhere(mutex));
-
-  CPosixMutex owned(1), free(2);  // only 1 means "owned by the creator"
-  EXPECT_EQ(0, TryLockElsewhere(owned));
-  EXPECT_EQ(1, TryLockElsewhere(free));
+  CPosixMutex mutex(0), owned(1), free(2);  // only 1 means "owned by the creator"
+  const struct {
+    int (*step)(CPosixMutex&);
+    int result, elsewhere;  // then Lock(0) on another thread
+  } rows[] = {{[](CPosixMutex& m) { return m.Unlock(); }, 0, 1},  // not held
+              {[](CPosixMutex& m) { return m.Lock(0); }, 1, 0},
+              {[](CPosixMutex& m) { return m.Lock(0); }, 1, 0},
+              {[](CPosixMutex& m) { return Elsewhere(m, true); }, 0, 0},  // a foreign unlock
+              {[](CPosixMutex& m) { return m.Unlock(); }, 1, 0},          // one level is still held
+              {[](CPosixMutex& m) { return m.Unlock(); }, 1, 1}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.result, row.step(mutex)) << &row - rows;
+    EXPECT_EQ(row.elsewhere, Elsewhere(mutex)) << &row - rows;
+  }
+  EXPECT_EQ(0, Elsewhere(owned));
+  EXPECT_EQ(1, Elsewhere(free));
   EXPECT_EQ(1, owned.Unlock());
 }
 
@@ -75,36 +74,29 @@ TEST(PosixSemaphore, CountStaysWithinMaximum) {
   EXPECT_EQ(1, semaphore.Unlock());
   EXPECT_EQ(1, semaphore.Unlock()) << "a release at the maximum still reports success";
   EXPECT_EQ(1, semaphore.Lock(0));
-  EXPECT_EQ(0, TryLockElsewhere(semaphore));
+  EXPECT_EQ(0, Elsewhere(semaphore));
 }
 
-TEST(PosixEvent, AutoResetLetsOneWaitThroughPerSet) {
-  CPosixEvent event(0, 0);
-  EXPECT_EQ(1, event.SetEvent());
-  EXPECT_EQ(1, event.SetEvent());  // already set: no second unit
-  EXPECT_EQ(1, event.WaitForEvent(0));
+// An automatic event lets one wait through per set; a manual one stays set
+// and releases every waiter.
+TEST(PosixEvent, AutoAndManualReset) {
+  CPosixEvent automatic(0, 0), manual(1, 1), gate(0, 1);
+  EXPECT_EQ(1, automatic.SetEvent());
+  EXPECT_EQ(1, automatic.SetEvent());  // already set: no second unit
+  EXPECT_EQ(1, automatic.WaitForEvent(0));
   const Clock::time_point start = Clock::now();
-  EXPECT_EQ(0, event.WaitForEvent(200));
+  EXPECT_EQ(0, automatic.WaitForEvent(200));
   EXPECT_GE(MillisecondsSince(start), 190);
-}
-
-TEST(PosixEvent, ManualResetStaysSetAndReleasesEveryWaiter) {
-  CPosixEvent initiallySet(1, 1);
-  EXPECT_EQ(1, initiallySet.WaitForEvent(0));
-  EXPECT_EQ(1, initiallySet.WaitForEvent(0));
-  EXPECT_EQ(1, initiallySet.ResetEvent());
-  EXPECT_EQ(0, initiallySet.WaitForEvent(0));
-  EXPECT_EQ(0, initiallySet.ResetEvent());
-
-  CPosixEvent event(0, 1);
+  EXPECT_EQ(1, manual.WaitForEvent(0));
+  EXPECT_EQ(1, manual.WaitForEvent(0));
+  EXPECT_EQ(1, manual.ResetEvent());
+  EXPECT_EQ(0, manual.WaitForEvent(0));
+  EXPECT_EQ(0, manual.ResetEvent());
   std::atomic<int> through(0);
   std::vector<std::thread> waiters;
-  for (int i = 0; i < 3; ++i)
-    waiters.emplace_back([&] {
-      if (event.WaitForEvent(0xFFFFFFFF)) ++through;
-    });
+  for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { through += gate.WaitForEvent(0xFFFFFFFF); });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  event.SetEvent();
+  gate.SetEvent();
   for (std::thread& waiter : waiters) waiter.join();
   EXPECT_EQ(3, through.load());
 }
@@ -132,9 +124,9 @@ TEST(PosixSingleLock, DestructorReleasesWhatIsStillCounted) {
   CPosixMutex mutex(0);
   {
     CPosixSingleLock hold(&mutex, 1);
-    EXPECT_EQ(0, TryLockElsewhere(mutex));
+    EXPECT_EQ(0, Elsewhere(mutex));
   }
-  EXPECT_EQ(1, TryLockElsewhere(mutex));
+  EXPECT_EQ(1, Elsewhere(mutex));
 }
 
 }  // namespace
