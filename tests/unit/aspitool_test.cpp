@@ -1,5 +1,5 @@
-// aspitool's failures in words and its track listing, which the drives of
-// a real machine will not produce on demand.
+// aspitool's failures in words, which the drives of a real machine will not
+// produce on demand.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -59,24 +59,6 @@ TEST(Aspitool, FailuresAreShownInWords) {
     EXPECT_NE(std::string::npos, text.find(row.text)) << text;
   }
   SCSI_ResetDiscoveryState();
-}
-
-TEST(Aspitool, TocListsTracksAndLeadOut) {
-  const unsigned char toc[] = {0x00, 0x1A, 1,    2,                              // 26 bytes follow: 3 descriptors
-                               0,    0x10, 1,    0,    0x00, 0x00, 0x00, 0x00,   // audio track 1 at 0
-                               0,    0x14, 2,    0,    0x00, 0x00, 0x30, 0x39,   // data track 2 at 12345
-                               0,    0x14, 0xAA, 0,    0x00, 0x01, 0x86, 0xA0,   // lead-out at 100000
-                               0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};  // beyond the stated length
-  const unsigned char empty[] = {0x00, 0x00, 0, 0};
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* out = open_memstream(&text, &size);
-  EXPECT_EQ(1, aspitool_print_toc(out, toc, sizeof toc));
-  EXPECT_EQ(0, aspitool_print_toc(out, empty, sizeof empty));
-  fclose(out);
-  EXPECT_EQ("tracks 1 to 2\n  track   1  audio LBA 0\n  track   2  data  LBA 12345\n  lead-out        LBA 100000\n",
-            std::string(text, size));
-  free(text);
 }
 
 }  // namespace

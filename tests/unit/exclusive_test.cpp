@@ -16,7 +16,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-const std::string kUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
 
 // Each held node with its count, and the descriptors open.
 std::string Holds(const fixture::FixtureWorld& world) {
@@ -46,56 +45,40 @@ class ExclusiveTest : public ::testing::Test {
 };
 
 // A nested set shares the first one's descriptors and runs no second
-// unmount; the block node goes back at the first unset, the drive at the last.
-TEST_F(ExclusiveTest, NestedHoldsShareAndGiveTheBlockNodeBackFirst) {
+// unmount; the block node goes back at the first unset, the drive at the
+// last. HAL locks a drive with a UDI at the first set and unlocks it at the
+// last unset; a refused lock is not unlocked; a drive without UDI makes no call.
+TEST_F(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
+  fixture::FakeHal& hal = fixture::InstallFakeHal(world_);
+  ASSERT_TRUE(libhal_support_init());
+  SCSI_GetDeviceProperties(0, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
   const struct {
-    int set;  // 1 set, 0 unset
-    int result;
-    const char* holds;
-  } rows[] = {{1, 0, "/dev/sg0x1 /dev/sr0x1 2"}, {1, 0, "/dev/sg0x2 /dev/sr0x1 2"}, {0, 0, "/dev/sg0x1 1"},
-              {0, 0, "0"}, {0, -1, "0"}};
+    int adapter, set, result;
+    const char *failing, *holds, *sent;  // sent: L a lock, U an unlock
+  } rows[] = {{0, 1, 0, "", "/dev/sg0x1 locked /dev/sr0x1 2", "L"},
+              {0, 1, 0, "", "/dev/sg0x2 locked /dev/sr0x1 2", "L"},
+              {0, 0, 0, "", "/dev/sg0x1 locked 1", "L"},
+              {0, 0, 0, "", "0", "LU"},
+              {0, 0, -1, "", "0", "LU"},
+              {1, 0, -1, "", "0", "LU"},  // registered but never held
+              {1, 1, 0, "", "/dev/hdcx1 1", "LU"},
+              {1, 0, 0, "", "0", "LU"},
+              {0, 1, 0, "dbus_connection_send_with_reply_and_block", "/dev/sg0x1 /dev/sr0x1 2", "LUL"},
+              {0, 0, 0, "", "0", "LUL"}};
   for (const auto& row : rows) {
-    EXPECT_EQ(row.result, row.set ? ASPI_setExclusiveMode(0, 0) : ASPI_unsetExclusiveMode(0, 0));
+    hal.failing = row.failing;
+    EXPECT_EQ(row.result, row.set ? ASPI_setExclusiveMode(row.adapter, 0) : ASPI_unsetExclusiveMode(row.adapter, 0));
     EXPECT_EQ(row.holds, Holds(world_));
-    world_.Remove("/etc/mtab");  // a second unmount would now show
+    std::string sent;
+    for (const std::string& method : hal.Sent()) sent += method[0];
+    EXPECT_EQ(row.sent, sent) << &row - rows;
+    if (&row == rows) world_.Remove("/etc/mtab");  // a second unmount at the nested set would show
+    if (&row == rows + 1) world_.AddFile("/etc/mtab", "");
   }
   EXPECT_EQ(Lines{}, world_.ShellCommands());
-  EXPECT_EQ(-1, ASPI_unsetExclusiveMode(1, 0)) << "registered but never held";
   world_.FailOpen("/dev/sg0", EBUSY);
   EXPECT_EQ(-1, ASPI_setExclusiveMode(0, 0));
   EXPECT_EQ("0", Holds(world_)) << "a failed open stores nothing";
-}
-
-// HAL locks a drive with a UDI at the first set and unlocks it at the last
-// unset; a refused lock is not unlocked; a drive without UDI makes no call.
-TEST_F(ExclusiveTest, HalLocksOnlyWhatItCanAndUnlocksAtTheLastUnset) {
-  fixture::FakeHal& hal = fixture::InstallFakeHal(world_);
-  ASSERT_TRUE(libhal_support_init());
-  {
-    DevicesMapHold hold;
-    SCSI_GetDeviceProperties(0, 0, 0, 0)->HalUdi = kUdi.c_str();
-  }
-  const Lines lock = {"Lock " + kUdi}, both = {"Lock " + kUdi, "Unlock " + kUdi};
-  const struct {
-    int adapter, set;
-    const char* failing;
-    const char* holds;
-    Lines sent;
-  } rows[] = {{0, 1, "", "/dev/sg0x1 locked /dev/sr0x1 2", lock},
-              {0, 1, "", "/dev/sg0x2 locked /dev/sr0x1 2", lock},
-              {0, 0, "", "/dev/sg0x1 locked 1", lock},
-              {0, 0, "", "0", both},
-              {1, 1, "", "/dev/hdcx1 1", both},
-              {1, 0, "", "0", both},
-              {0, 1, "dbus_connection_send_with_reply_and_block", "/dev/sg0x1 /dev/sr0x1 2", Lines(3, "")},
-              {0, 0, "", "0", Lines(3, "")}};
-  for (const auto& row : rows) {
-    hal.failing = row.failing;
-    EXPECT_EQ(0, row.set ? ASPI_setExclusiveMode(row.adapter, 0) : ASPI_unsetExclusiveMode(row.adapter, 0));
-    EXPECT_EQ(row.holds, Holds(world_));
-    if (row.sent[0].empty()) EXPECT_EQ((Lines{lock[0], both[1], lock[0]}), hal.Sent());
-    else EXPECT_EQ(row.sent, hal.Sent());
-  }
   EXPECT_TRUE(libhal_support_done());
 }
 

@@ -94,7 +94,7 @@ TEST(PosixEvent, AutoAndManualReset) {
   EXPECT_EQ(0, manual.ResetEvent());
   std::atomic<int> through(0);
   std::vector<std::thread> waiters;
-  for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { through += gate.WaitForEvent(0xFFFFFFFF); });
+  for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { through += gate.WaitForEvent(5000); });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   gate.SetEvent();
   for (std::thread& waiter : waiters) waiter.join();
