@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "aspi/srb.h"
-#include "tests/fixture/world.h"
+#include "tests/fixture/emulated_drive.h"
 
 namespace {
 
@@ -66,6 +66,7 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   EXPECT_EQ(0x101u, firstResult);
   EXPECT_EQ(0x101u, secondResult);
   EXPECT_EQ(1, gate->opens_) << "the registry is built once";
+  fixture::RegistryReset();
 }
 
 }  // namespace
