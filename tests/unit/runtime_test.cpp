@@ -23,6 +23,7 @@ TEST(BasicString, GrowthSelfReferencesAndFormatLimit) {
   CBasicString<char> key;
   key.Format("h%02dc%02dt%02dd%02d", 0, 0, 0, 0);
   const CBasicString<char> copy(key);
+  ASSERT_EQ(26, key.GetCapacity()) << "grown to 2n + 2 for 12 characters";
   ASSERT_EQ(26, copy.GetCapacity());
   EXPECT_EQ(std::string(14, '\0'), std::string(copy.GetString() + 12, 14));
   const char raw[3] = {'x', 'y', 'z'};
