@@ -1,7 +1,6 @@
-// Two threads making the very first ASPI call at once: the second must wait
-// until the first has built the registry, and the registry is built once.
-// This runs in a process of its own, since the initialisation happens once
-// per process.
+// Two threads making the very first ASPI call at once: the second waits
+// until the first has built the registry, which is built once. A process of
+// its own, since the initialisation happens once per process.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,11 +10,11 @@
 #include <thread>
 
 #include "aspi/srb.h"
-#include "tests/fixture/world.h"
+#include "tests/fixture/emulated_drive.h"
 
 namespace {
 
-// A generic node whose first open blocks until the test lets it through,
+// A generic node whose first open waits until the test lets it through,
 // holding the registry build in the middle of its scan.
 class GateNode : public fixture::AddressedNode {
  public:
@@ -23,7 +22,6 @@ class GateNode : public fixture::AddressedNode {
   int OnOpen(int) override {
     std::unique_lock<std::mutex> hold(mutex_);
     if (opens_++ == 0) {
-      entered_ = true;
       changed_.notify_all();
       changed_.wait(hold, [this] { return released_; });
     }
@@ -31,36 +29,27 @@ class GateNode : public fixture::AddressedNode {
   }
   void WaitUntilEntered() {
     std::unique_lock<std::mutex> hold(mutex_);
-    changed_.wait(hold, [this] { return entered_; });
+    changed_.wait(hold, [this] { return opens_ > 0; });
   }
   void Release() {
     std::lock_guard<std::mutex> hold(mutex_);
     released_ = true;
     changed_.notify_all();
   }
-  int Opens() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return opens_;
-  }
-
- private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool entered_ = false, released_ = false;
+  bool released_ = false;
   int opens_ = 0;
 };
 
 TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   fixture::FixtureWorld world;
   fixture::FixtureWorld::Scope scope(world);
-  world.SetUname("6.1.0-13-686");
   auto gate = std::make_shared<GateNode>();
   world.AddNode("/dev/sg0", gate);
-
   unsigned int firstResult = 0, secondResult = 0;
   std::thread first([&] { firstResult = GetASPI32SupportInfo(); });
   gate->WaitUntilEntered();
-
   std::atomic<bool> secondReturned(false);
   std::thread second([&] {
     SRB_HAInquiry inquiry = {};
@@ -71,13 +60,13 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_FALSE(secondReturned) << "the second caller must not see a half-built registry";
-
   gate->Release();
   first.join();
   second.join();
   EXPECT_EQ(0x101u, firstResult);
   EXPECT_EQ(0x101u, secondResult);
-  EXPECT_EQ(1, gate->Opens()) << "the registry is built once";
+  EXPECT_EQ(1, gate->opens_) << "the registry is built once";
+  fixture::RegistryReset();
 }
 
 }  // namespace

@@ -13,8 +13,7 @@
 #include "discovery/hotplug_internal.h"
 #include "discovery/init.h"
 #include "discovery/init_internal.h"
-#include "tests/doubles/hal_double_control.h"
-#include "tests/fixture/machines.h"
+#include "tests/fixture/world.h"
 
 namespace {
 
@@ -91,7 +90,7 @@ class Machine {
   void Plug(const Drive& drive, bool present) {
     const std::string sysfs = "/sys/block/" + std::string(drive.sysfs) + "/device";
     if (present) {
-      fixture::AddGenericNode(world_, drive.sg, drive.host, 0, drive.target, 0);
+      world_.AddNode("/dev/sg" + std::to_string(drive.sg), std::make_shared<fixture::AddressedNode>(drive.host, 0, drive.target, 0));
       world_.AddNode(drive.block, std::make_shared<fixture::AddressedNode>(drive.host, 0, drive.target, 0));
       world_.AddFile(sysfs + "/vendor", "QEMU    \n");
       world_.AddFile(sysfs + "/model", "QEMU CD-ROM     \n");
@@ -128,19 +127,14 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
   ASPI_putCallbacks(&both);
   ASPI_putCallbacks(&arrivalAgain);
   ASPI_putCallbacks(nullptr);
-  HalDouble hal;
-  ASSERT_TRUE(hal.Loaded());
   for (Source source : {Source::Hal, Source::SysBlock, Source::ProcScsi}) {
     fixture::FixtureWorld world;
     fixture::FixtureWorld::Scope scope(world);
     SCSI_ResetDiscoveryState();
-    fixture::BuildIdeAndScsiMachine(world);
+    world.Load("ide_and_scsi");
     Machine machine(world);
     machine.Plug(kDriveA, true);
-    hal.Reset();
-    hal.AddCdrom(kDriveA.udi, kDriveA.block);
-    hal.AddCdrom(kDriveB.udi, kDriveB.block);
-    if (source == Source::Hal) hal.MapInto(world);
+    if (source == Source::Hal) fixture::InstallFakeHal(world).cdroms = {{kDriveA.udi, kDriveA.block}, {kDriveB.udi, kDriveB.block}};
     if (source == Source::ProcScsi) world.Remove("/sys/block");
     eventLog.clear();
     // After each cycle's first sleep the machine changes: B comes, B goes,

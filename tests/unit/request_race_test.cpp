@@ -11,7 +11,7 @@
 #include "device/registry_internal.h"
 #include "discovery/init_internal.h"
 #include "gtest/gtest.h"
-#include "tests/fixture/machines.h"
+#include "tests/fixture/emulated_drive.h"
 #include "tests/unit/watchdog.h"
 
 namespace {
@@ -51,7 +51,8 @@ void Fill(Request& request, unsigned char adapter, unsigned char target, const C
 // adapter 3 (target 4), built by the real registry builder.
 class RequestRaceTest : public ::testing::Test {
  protected:
-  RequestRaceTest() : scope_(world_), machine_(fixture::BuildMachineWithEmulatedDrives(world_)) {
+  RequestRaceTest() : scope_(world_) {
+    world_.Load("drives");
     world_.AddFile("/etc/mtab", "");
     IsKernel26 = 1;
     SCSI_BuildRegistry();
@@ -61,7 +62,6 @@ class RequestRaceTest : public ::testing::Test {
   fixture::FixtureWorld world_;
   fixture::FixtureWorld::Scope scope_;
   fixture::RegistryReset registry_;
-  fixture::DriveMachine machine_;
 };
 
 TEST_F(RequestRaceTest, EachRequestReachesItsDriveWithItsWholeCommand) {
@@ -80,15 +80,15 @@ TEST_F(RequestRaceTest, EachRequestReachesItsDriveWithItsWholeCommand) {
          Request shortCdb;
          Fill(shortCdb, 1, 0, Cdb(5, 0x28), 0, nullptr);
          ASPI_ExecuteSRB(&shortCdb.srb);
-       }, 1, 0, EmulatedDrive::kBlockSize, SS_COMP, &machine_.emulatedCd->drive(), 10},
+       }, 1, 0, EmulatedDrive::kBlockSize, SS_COMP, &fixture::DriveAt(world_, "/dev/sg0"), 10},
       {"an interrupted read still gets its own reply", [this] {
-         machine_.emulatedCd->drive().FailNext(EmulatedDrive::Fault::InterruptedRead);
-       }, 1, 0, EmulatedDrive::kBlockSize, SS_COMP, &machine_.emulatedCd->drive(), 10},
+         fixture::DriveAt(world_, "/dev/sg0").FailNext(EmulatedDrive::Fault::InterruptedRead);
+       }, 1, 0, EmulatedDrive::kBlockSize, SS_COMP, &fixture::DriveAt(world_, "/dev/sg0"), 10},
       {"a length the reply header cannot carry", [] {}, 3, 4, INT_MAX - 35, SS_INVALID_SRB, nullptr, 0},
       {"the count says IDE, the node is /dev/sg0", [] { IdeAdapterCount = 2; }, 1, 0, 0, SS_COMP,
-       &machine_.emulatedCd->drive(), 10},
+       &fixture::DriveAt(world_, "/dev/sg0"), 10},
       {"the count says SCSI, the node is /dev/hdc", [] { IdeAdapterCount = 0; }, 0, 0, 0, SS_COMP,
-       &machine_.ideDvd->drive(), 12},
+       &fixture::DriveAt(world_, "/dev/hdc"), 12},
   };
   for (Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -103,7 +103,7 @@ TEST_F(RequestRaceTest, EachRequestReachesItsDriveWithItsWholeCommand) {
     EXPECT_EQ(row.cdbLength, row.drive->Commands().back().cdb.size());
     EXPECT_EQ(7u, LbaOf(row.drive->Commands().back()));
   }
-  EXPECT_TRUE(machine_.scsiCd->drive().Commands().empty());  // the refused length reached nothing
+  EXPECT_TRUE(fixture::DriveAt(world_, "/dev/sg1").Commands().empty());  // the refused length reached nothing
 }
 
 // Requests on a drive that another thread holds and releases, and on the
@@ -116,9 +116,9 @@ TEST_F(RequestRaceTest, CommandsReachTheirOwnDriveWhileHoldsAndRebuildsComeAndGo
   struct Requester {
     unsigned char adapter, target;
     EmulatedDrive* drive;
-  } requesters[] = {{1, 0, &machine_.emulatedCd->drive()}, {1, 0, &machine_.emulatedCd->drive()},
-                    {1, 0, &machine_.emulatedCd->drive()}, {3, 4, &machine_.scsiCd->drive()},
-                    {3, 4, &machine_.scsiCd->drive()},     {0, 0, &machine_.ideDvd->drive()}};
+  } requesters[] = {{1, 0, &fixture::DriveAt(world_, "/dev/sg0")}, {1, 0, &fixture::DriveAt(world_, "/dev/sg0")},
+                    {1, 0, &fixture::DriveAt(world_, "/dev/sg0")}, {3, 4, &fixture::DriveAt(world_, "/dev/sg1")},
+                    {3, 4, &fixture::DriveAt(world_, "/dev/sg1")},     {0, 0, &fixture::DriveAt(world_, "/dev/hdc")}};
   const int kThreads = sizeof requesters / sizeof requesters[0];
   std::vector<Request> requests(kThreads * kRequests);
   ASSERT_TRUE(FinishesWithin(std::chrono::seconds(100), [&] {

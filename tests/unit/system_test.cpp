@@ -68,41 +68,34 @@ TEST_F(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
 // Release and machine from uname, else the release from /proc; the numbers
 // are the release's first two fields, a missing minor repeating the major.
 TEST_F(SystemInfo, VersionIsKernelReleaseAndMachine) {
-  world_.SetUname("2.6.17-10-generic", "i686");
-  EXPECT_EQ("2.6.17-10-generic (i686)", OSVersion());
-  EXPECT_EQ(std::make_pair(2u, 6u), VersionNumbers());
-  world_.SetUname("7", "");
-  EXPECT_EQ("7", OSVersion());
-  EXPECT_EQ(std::make_pair(7u, 7u), VersionNumbers());
-  world_.SetUname("5.", "x86_64");
-  EXPECT_EQ(std::make_pair(5u, 0u), VersionNumbers());
-  world_.FailUname();
-  EXPECT_EQ("unknown", OSVersion());
-  EXPECT_EQ(std::make_pair(0u, 0u), VersionNumbers());
-  world_.AddFile("/proc/sys/kernel/osrelease", "3.10.0-rc1\n");
-  EXPECT_EQ("3.10.0-rc1", OSVersion());
-  EXPECT_EQ(std::make_pair(3u, 10u), VersionNumbers());
+  const struct {
+    const char *release, *machine, *version;
+    std::pair<unsigned int, unsigned int> numbers;
+  } rows[] = {{"2.6.17-10-generic", "i686", "2.6.17-10-generic (i686)", {2, 6}},
+              {"7", "", "7", {7, 7}},
+              {"5.", "x86_64", "5. (x86_64)", {5, 0}},
+              {nullptr, nullptr, "unknown", {0, 0}},
+              {nullptr, "3.10.0-rc1\n", "3.10.0-rc1", {3, 10}}};  // machine: /proc's osrelease
+  for (const auto& row : rows) {
+    if (row.release) world_.SetUname(row.release, row.machine);
+    else world_.FailUname();
+    if (!row.release && row.machine) world_.AddFile("/proc/sys/kernel/osrelease", row.machine);
+    EXPECT_EQ(row.version, OSVersion());
+    EXPECT_EQ(row.numbers, VersionNumbers()) << row.version;
+  }
 }
 
-TEST_F(SystemInfo, MemoryFiguresInKiBAndLoadInPercent) {
-  // 8 GiB in bytes needs the 64-bit product.
-  world_.SetMemory(8388608, 2097152);
+TEST_F(SystemInfo, MemoryInKiBLoadInPercentAndPausesInWholeSecondsFirst) {
+  world_.SetMemory(8388608, 2097152);  // 8 GiB in bytes needs the 64-bit product
   EXPECT_EQ(8388608u, CPortableSystem::GetTotalPhysicalMemory());
   EXPECT_EQ(2097152u, CPortableSystem::GetFreePhysicalMemory());
   EXPECT_DOUBLE_EQ(75.0, CPortableSystem::GetMemoryLoad());
   world_.FailSysInfo();
   EXPECT_EQ(0u, CPortableSystem::GetTotalPhysicalMemory());
   EXPECT_TRUE(isnan(CPortableSystem::GetMemoryLoad()));
-}
-
-TEST_F(SystemInfo, PauseSleepsWholeSecondsThenTheRest) {
-  CPortableSystem::PauseExecution(2500);
+  for (int milliseconds : {2500, 0, -5}) CPortableSystem::PauseExecution(milliseconds);
   EXPECT_EQ(2500000u, world_.SleptMicroseconds());
   EXPECT_EQ(2u, world_.SleepCalls());
-  world_.ClearLogs();
-  CPortableSystem::PauseExecution(0);
-  CPortableSystem::PauseExecution(-5);
-  EXPECT_EQ(0u, world_.SleepCalls());
 }
 
 }  // namespace
