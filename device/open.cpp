@@ -142,14 +142,20 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
 // unset's close then drops only the cache's reference. The node kind comes
 // from the same record, so the path a request takes always fits its node.
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
-  SCSI_RequestDescriptor request = {-1, kOtherNode, false};
+  SCSI_RequestDescriptor request = {-1, kOtherNode, false, nullptr};
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
   if (device == nullptr) return request;
   request.registered = true;
   request.kind = KindOfNode(device->DevicePath.GetString());
   if (request.kind == kIdeNode && !ideCommandFits) return request;
+  // Tried before the open: the record is not read again after it.
+  if (device->DeviceLock->Lock(0) == 1) request.deviceLock = device->DeviceLock;
   if (!DuplicateHeldDescriptor(*device, &request.fd)) request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+  if (request.fd == -1 && request.deviceLock != nullptr) {
+    request.deviceLock->Unlock();  // still registered: DevicesMapLock is held
+    request.deviceLock = nullptr;
+  }
   return request;
 }
 

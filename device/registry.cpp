@@ -93,10 +93,10 @@ char* PutTwoDigitField(char* out, int value) {
 
 }  // namespace
 
-// "h%02dc%02dt%02dd%02d". Every request looks its device up several times,
-// so the key is put together without a printf pass.
-CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun) {
-  char text[64];
+namespace {
+
+// "h%02dc%02dt%02dd%02d" into text (room for 64); returns the length.
+int PutDeviceKey(char* text, int host, int channel, int target, int lun) {
   char* out = text;
   *out++ = 'h';
   out = PutTwoDigitField(out, host);
@@ -106,11 +106,26 @@ CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun
   out = PutTwoDigitField(out, target);
   *out++ = 'd';
   out = PutTwoDigitField(out, lun);
-  return CBasicString<char>(text, static_cast<int>(out - text));
+  *out = '\0';
+  return static_cast<int>(out - text);
 }
 
+}  // namespace
+
+CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun) {
+  char text[64];
+  return CBasicString<char>(text, PutDeviceKey(text, host, channel, target, lun));
+}
+
+// Every request looks its device up, so the key is written by hand into a
+// string each thread keeps: once grown, it is refilled in place, without a
+// printf pass or an allocation. Freed at thread exit.
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
-  SCSI_DevicesMap::const_iterator found = DevicesMap.find(SCSI_MakeDeviceKey(host, channel, target, lun));
+  thread_local CBasicString<char> key;
+  char text[64];
+  PutDeviceKey(text, host, channel, target, lun);
+  key = text;
+  SCSI_DevicesMap::const_iterator found = DevicesMap.find(key);
   return found == DevicesMap.end() ? nullptr : found->second;
 }
 

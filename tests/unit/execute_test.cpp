@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -230,8 +231,17 @@ TEST_F(ExecuteTest, IdeSendsTwelveCommandBytesForLengthZero) {
 }
 
 TEST_F(ExecuteTest, DeviceThatVanishesAfterItsOpenEndsAsNoDevice) {
-  // The open of the node is the last step before the request locks the
-  // device; removing the record there stands in for a rescan in between.
+  // The open of the node is the last step before a request whose device is
+  // busy polls for its lock; removing the record there stands in for a
+  // rescan in between.
+  std::atomic<int> step(0);
+  std::thread other([&step] {
+    CPosixMutex* lock = SCSI_LockDeviceLock(kScsi, 0, 1, 0);
+    step = 1;
+    while (step != 2) std::this_thread::yield();
+    SCSI_UnlockDeviceLock(lock);
+  });
+  while (step != 1) std::this_thread::yield();
   sg_->onOpen = [] {
     DevicesMapHold hold;
     auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsi, 0, 1, 0));
@@ -240,6 +250,8 @@ TEST_F(ExecuteTest, DeviceThatVanishesAfterItsOpenEndsAsNoDevice) {
   };
   SRB_ExecSCSICmd srb = Block(kScsi, kTestUnitReady);
   ASPI_ExecuteSRB(&srb);
+  step = 2;
+  other.join();
   EXPECT_EQ(SS_NO_DEVICE, srb.SRB_Status);
   EXPECT_TRUE(sg_->drive().Commands().empty());
   EXPECT_EQ(0, world_.OpenDescriptorCount());
