@@ -66,9 +66,9 @@ void CorrectDirection(SRB_ExecSCSICmd* srb) {
   }
 }
 
-// The descriptor of the request, always its own: a copy of the cached one
-// of a drive held exclusively, or one opened for this request alone. Either
-// way the request closes it.
+// The descriptor of the request: the cached one of a drive held
+// exclusively, pinned until the request lets go of it, or one opened for
+// this request alone and closed by it.
 class RequestDescriptor {
  public:
   RequestDescriptor(const DeviceAddress& device, unsigned char cdbLength)
@@ -90,7 +90,10 @@ class RequestDescriptor {
     return request_.registered ? request_.kind == kIdeNode : IsIDEAdapter(adapter) == 1;
   }
   void Release() {
-    if (request_.fd != -1) kavo::os::Close(request_.fd);
+    if (request_.fd != -1 && request_.pinned)
+      SCSI_UnpinCachedDescriptor(request_.fd);
+    else if (request_.fd != -1)
+      kavo::os::Close(request_.fd);
     request_.fd = -1;
   }
   // The device's lock if the open could take it; null otherwise. The

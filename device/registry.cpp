@@ -29,6 +29,21 @@ CPosixMutex OpenedDevicesMapLock(0);
 
 namespace {
 
+// Cached descriptors in use by requests; guarded by OpenedDevicesMapLock.
+// Few at a time, so a list; its capacity is kept, so pinning does not
+// allocate once the list has grown.
+struct PinnedDescriptor {
+  int fd;
+  int users;
+  bool closeWhenFree;  // the cache let go of it while it was in use
+};
+std::vector<PinnedDescriptor> PinnedDescriptors;
+
+std::vector<PinnedDescriptor>::iterator PinOf(int fd) {
+  return std::find_if(PinnedDescriptors.begin(), PinnedDescriptors.end(),
+                      [fd](const PinnedDescriptor& pin) { return pin.fd == fd; });
+}
+
 // Device locks whose records were purged while a request held them; guarded
 // by DevicesMapLock. See SCSI_DeleteDeviceProperties.
 std::vector<CPosixMutex*> RetiredDeviceLocks;
@@ -171,6 +186,31 @@ void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
   if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
   RetiredDeviceLocks.erase(retired);
   delete lock;
+}
+
+void SCSI_PinCachedDescriptor(int fd) {
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end())
+    PinnedDescriptors.push_back({fd, 1, false});
+  else
+    ++pin->users;
+}
+
+void SCSI_UnpinCachedDescriptor(int fd) {
+  CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
+  if (pin->closeWhenFree) kavo::os::Close(fd);
+  PinnedDescriptors.erase(pin);
+}
+
+void SCSI_CloseCachedDescriptor(int fd) {
+  if (fd < 0) return;
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end())
+    kavo::os::Close(fd);
+  else
+    pin->closeWhenFree = true;
 }
 
 CBasicString<char> SCSI_CopyAdapterName(int n) {
