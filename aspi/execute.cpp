@@ -9,7 +9,7 @@
 #include <scsi/sg.h>
 #include <string.h>
 
-#include <vector>
+#include <memory>
 
 #include "device/open_internal.h"
 #include "device/registry_internal.h"
@@ -66,15 +66,18 @@ void CorrectDirection(SRB_ExecSCSICmd* srb) {
   }
 }
 
-// The descriptor of the request, always its own: a copy of the cached one
-// of a drive held exclusively, or one opened for this request alone. Either
-// way the request closes it.
+// The descriptor of the request: the cached one of a drive held
+// exclusively, pinned until the request lets go of it, or one opened for
+// this request alone and closed by it.
 class RequestDescriptor {
  public:
   RequestDescriptor(const DeviceAddress& device, unsigned char cdbLength)
       : request_(SCSI_OpenForRequest(device.host, device.channel, device.target, device.lun,
                                      cdbLength <= CDROM_PACKET_SIZE)) {}
-  ~RequestDescriptor() { Release(); }
+  ~RequestDescriptor() {
+    if (request_.deviceLock != nullptr) SCSI_UnlockDeviceLock(request_.deviceLock);
+    Release();
+  }
   RequestDescriptor(const RequestDescriptor&) = delete;
   RequestDescriptor& operator=(const RequestDescriptor&) = delete;
 
@@ -87,8 +90,18 @@ class RequestDescriptor {
     return request_.registered ? request_.kind == kIdeNode : IsIDEAdapter(adapter) == 1;
   }
   void Release() {
-    if (request_.fd != -1) kavo::os::Close(request_.fd);
+    if (request_.fd != -1 && request_.pinned)
+      SCSI_UnpinCachedDescriptor(request_.fd);
+    else if (request_.fd != -1)
+      kavo::os::Close(request_.fd);
     request_.fd = -1;
+  }
+  // The device's lock if the open could take it; null otherwise. The
+  // caller then owns it.
+  CPosixMutex* TakeDeviceLock() {
+    CPosixMutex* lock = request_.deviceLock;
+    request_.deviceLock = nullptr;
+    return lock;
   }
 
  private:
@@ -96,12 +109,14 @@ class RequestDescriptor {
 };
 
 // Holds the device's lock for one exchange and gives back exactly the mutex
-// it took. A device that left the registry after the request opened it has
-// no lock any more; Held() is false then.
+// it took: the one the open took, or else one polled for now. A device that
+// left the registry after the request opened it has no lock any more;
+// Held() is false then.
 class DeviceLockHold {
  public:
-  explicit DeviceLockHold(const DeviceAddress& device)
-      : lock_(SCSI_LockDeviceLock(device.host, device.channel, device.target, device.lun)) {}
+  DeviceLockHold(const DeviceAddress& device, RequestDescriptor& descriptor) : lock_(descriptor.TakeDeviceLock()) {
+    if (lock_ == nullptr) lock_ = SCSI_LockDeviceLock(device.host, device.channel, device.target, device.lun);
+  }
   ~DeviceLockHold() {
     if (lock_ != nullptr) SCSI_UnlockDeviceLock(lock_);
   }
@@ -111,6 +126,54 @@ class DeviceLockHold {
 
  private:
   CPosixMutex* lock_;
+};
+
+// The request and the reply of one exchange, side by side in one block. Up
+// to kKeptBytes the block is the calling thread's own, reused by its next
+// request and freed when the thread ends; a larger exchange gets a block of
+// its own, freed with it, so that a rare huge transfer does not pin its
+// memory for the thread's life. Nothing is cleared: the request header is
+// zeroed by the caller, and the driver writes the whole reply header before
+// a reply of full length is read.
+class ExchangeBuffers {
+ public:
+  ExchangeBuffers(size_t requestLength, size_t replyLength)
+      : replyOffset_((requestLength + kAlignment - 1) & ~(kAlignment - 1)) {
+    const size_t total = replyOffset_ + replyLength;
+    if (total > kKeptBytes) {
+      own_.reset(new unsigned char[total]);
+      block_ = own_.get();
+      return;
+    }
+    Kept& kept = ThreadKept();
+    if (kept.size < total) {
+      kept.block.reset();  // given back before the larger one is taken
+      kept.size = 0;
+      kept.block.reset(new unsigned char[total]);
+      kept.size = total;
+    }
+    block_ = kept.block.get();
+  }
+  ExchangeBuffers(const ExchangeBuffers&) = delete;
+  ExchangeBuffers& operator=(const ExchangeBuffers&) = delete;
+  unsigned char* request() const { return block_; }
+  unsigned char* reply() const { return block_ + replyOffset_; }
+
+ private:
+  static const size_t kKeptBytes = 256 * 1024;
+  static const size_t kAlignment = 64;
+  struct Kept {
+    std::unique_ptr<unsigned char[]> block;
+    size_t size = 0;
+  };
+  static Kept& ThreadKept() {
+    thread_local Kept kept;
+    return kept;
+  }
+
+  size_t replyOffset_;
+  std::unique_ptr<unsigned char[]> own_;
+  unsigned char* block_;
 };
 
 // A data phase with no buffer to move it through is refused before any
@@ -127,30 +190,31 @@ bool DataLengthOverflows(const SRB_ExecSCSICmd* srb) {
 }
 
 // Builds the request and reply, exchanges them under the device's lock and
-// copies data and sense out. The buffers live only inside this call, so
-// they are freed before the request is posted.
+// copies data and sense out.
 unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& device, RequestDescriptor& descriptor) {
   const unsigned char direction = DirectionOf(srb);
   const unsigned int cdbLength = srb->SRB_CDBLen;
   const unsigned int dataOut = direction == kDirectionOut ? srb->SRB_BufLen : 0;
   const unsigned int dataIn = direction == kDirectionIn ? srb->SRB_BufLen : 0;
 
-  std::vector<unsigned char> request(kHeaderLength + cdbLength + dataOut, 0);
-  memcpy(&request[kHeaderLength], srb->CDBByte, cdbLength);
-  if (dataOut != 0) memcpy(&request[kHeaderLength + cdbLength], srb->SRB_BufPointer, dataOut);
-  std::vector<unsigned char> reply(kHeaderLength + dataIn, 0);
-  sg_header* requestHeader = reinterpret_cast<sg_header*>(request.data());
-  sg_header* replyHeader = reinterpret_cast<sg_header*>(reply.data());
-  requestHeader->reply_len = static_cast<int>(reply.size());
+  const unsigned int requestLength = kHeaderLength + cdbLength + dataOut;
+  const unsigned int replyLength = kHeaderLength + dataIn;
+  ExchangeBuffers buffers(requestLength, replyLength);
+  unsigned char* request = buffers.request();
+  memset(request, 0, kHeaderLength);
+  memcpy(request + kHeaderLength, srb->CDBByte, cdbLength);
+  if (dataOut != 0) memcpy(request + kHeaderLength + cdbLength, srb->SRB_BufPointer, dataOut);
+  sg_header* requestHeader = reinterpret_cast<sg_header*>(request);
+  sg_header* replyHeader = reinterpret_cast<sg_header*>(buffers.reply());
+  requestHeader->reply_len = static_cast<int>(replyLength);
 
   int exchanged = 0;
   {
-    DeviceLockHold lock(device);
+    DeviceLockHold lock(device, descriptor);
     if (!lock.Held()) return SS_NO_DEVICE;
     unsigned int bytesRead = 0;
     const bool lengthArmed = SCSI_ArmCommandLength(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
-    exchanged = SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, static_cast<unsigned int>(request.size()),
-                                   replyHeader, static_cast<unsigned int>(reply.size()), &bytesRead);
+    exchanged = SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, requestLength, replyHeader, replyLength, &bytesRead);
     // A held drive's open file outlives this request: a length its rejected
     // write left armed would cut the next request's command.
     if (exchanged == 0 && lengthArmed) SCSI_DisarmCommandLength(descriptor.fd());
@@ -161,7 +225,7 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
   if (replyHeader->result != 0) return replyHeader->result == EBUSY ? SS_ASPI_IS_BUSY : SS_ERR;
 
   if (dataIn != 0) {
-    memcpy(srb->SRB_BufPointer, &reply[kHeaderLength], dataIn);
+    memcpy(srb->SRB_BufPointer, buffers.reply() + kHeaderLength, dataIn);
     // A drive behind an emulated host reports ANSI version 0, as it would
     // on a plain ATAPI bus.
     if (srb->CDBByte[0] == kInquiry && dataIn >= 3 && (srb->SRB_BufPointer[2] & kAnsiVersionMask) != 0 &&
@@ -172,7 +236,7 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
     memcpy(srb->SenseArea, replyHeader->sense_buffer,
            srb->SRB_SenseLen < kMaxHeaderSense ? srb->SRB_SenseLen : kMaxHeaderSense);
   srb->SRB_HaStat = HASTAT_OK;
-  srb->SRB_TargStat = reply[16] & kTargetStatusMask;
+  srb->SRB_TargStat = buffers.reply()[16] & kTargetStatusMask;
   return SS_PENDING;  // the exchange itself went through; the target decides
 }
 
@@ -235,7 +299,7 @@ unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device
   if (LacksDataBuffer(srb, packet.data_direction != CGC_DATA_NONE)) return SS_INVALID_SRB;
   int result = 0;
   {
-    DeviceLockHold lock(device);
+    DeviceLockHold lock(device, descriptor);
     if (!lock.Held()) return SS_NO_DEVICE;
     result = kavo::os::Ioctl(descriptor.fd(), CDROM_SEND_PACKET, &packet);
   }

@@ -1,6 +1,8 @@
 # The benchmark's job in the guest: kavo-bench on the CD drive of the virtio
-# SCSI host (target 0), reading the disc's data file.
+# SCSI host (target 0), reading the disc's data file, after the discovery
+# times in a fresh process.
 . /opt/kavo/disc.env
+kavo-bench-discovery || exit 1
 for device in /sys/class/scsi_generic/sg*; do
   address=$(basename "$(readlink "$device/device")")   # host:channel:target:lun
   host=${address%%:*}

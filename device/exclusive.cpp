@@ -56,7 +56,7 @@ SCSI_RefCountedFileDesc* HoldUnder(const CBasicString<char>& path) {
 }
 
 void CloseHeldDescriptor(SCSI_RefCountedFileDesc* hold) {
-  if (hold->nFileDesc >= 0) kavo::os::Close(hold->nFileDesc);
+  SCSI_CloseCachedDescriptor(hold->nFileDesc);
   hold->nFileDesc = -1;
 }
 

@@ -114,13 +114,14 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, in
   return fd;
 }
 
-// A copy of the cached descriptor of a drive held exclusively, or -1 when
-// the drive is not held. DevicesMapLock is held.
-bool DuplicateHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
+// The cached descriptor of a drive held exclusively, pinned for the
+// request, or false when the drive is not held. DevicesMapLock is held.
+bool PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
   CPosixSingleLock openedHold(&OpenedDevicesMapLock, 1);
   SCSI_OpenedDevicesMap::const_iterator found = OpenedDevicesMap.find(device.DevicePath);
   if (found == OpenedDevicesMap.end() || found->second == nullptr || found->second->nFileDesc < 0) return false;
-  *fd = kavo::os::Dup(found->second->nFileDesc);
+  *fd = found->second->nFileDesc;
+  SCSI_PinCachedDescriptor(*fd);
   return true;
 }
 
@@ -136,20 +137,28 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
 
 // The cached descriptor's number is only good while the registry locks are
 // held: once they are released an unset or a rebuild may close it and
-// another thread's open may get the same number for another drive. So the
-// copy is made here; it shares the open file (its O_EXCL hold, its pending
-// command length, its queued reply) and belongs to the request, and an
-// unset's close then drops only the cache's reference. The node kind comes
-// from the same record, so the path a request takes always fits its node.
+// another thread's open may get the same number for another drive. So it is
+// pinned here, and such a close waits for the request to unpin it; the open
+// file keeps its O_EXCL hold, its pending command length and its queued
+// reply meanwhile. (A dup would do the same at the price of two system calls
+// a request.) The node kind comes from the same record, so the path a
+// request takes always fits its node.
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
-  SCSI_RequestDescriptor request = {-1, kOtherNode, false};
+  SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr};
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
   if (device == nullptr) return request;
   request.registered = true;
   request.kind = KindOfNode(device->DevicePath.GetString());
   if (request.kind == kIdeNode && !ideCommandFits) return request;
-  if (!DuplicateHeldDescriptor(*device, &request.fd)) request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+  request.pinned = PinHeldDescriptor(*device, &request.fd);
+  // Tried before the open: the record is not read again after it.
+  if (device->DeviceLock->Lock(0) == 1) request.deviceLock = device->DeviceLock;
+  if (!request.pinned) request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+  if (request.fd == -1 && request.deviceLock != nullptr) {
+    request.deviceLock->Unlock();  // still registered: DevicesMapLock is held
+    request.deviceLock = nullptr;
+  }
   return request;
 }
 

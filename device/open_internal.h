@@ -1,16 +1,26 @@
 // The descriptor of one request, in one registry lookup.
 #pragma once
 
+class CPosixMutex;
+
 enum SCSI_NodeKind { kOtherNode, kGenericNode, kIdeNode };
 
 struct SCSI_RequestDescriptor {
-  int fd;              // owned by the request, -1 when none could be had
+  int fd;              // -1 when none could be had
+  bool pinned;         // fd is a held drive's cached one: unpin, do not close
   SCSI_NodeKind kind;  // of the registered DevicePath: /dev/sgN, /dev/hdX, other
   bool registered;     // false: no such device
+  // The device's DeviceLock when it was free at the lookup, now held by the
+  // calling thread; null when it was busy (the request then polls for it).
+  // Given back with SCSI_UnlockDeviceLock.
+  CPosixMutex* deviceLock;
 };
 
-// A copy (dup) of the cached descriptor of a drive held exclusively, else a
-// descriptor opened for this request (not exclusive). The caller closes it.
+// The cached descriptor of a drive held exclusively, pinned (the caller
+// gives it back with SCSI_UnpinCachedDescriptor), else a descriptor opened
+// for this request (not exclusive), which the caller closes.
 // An IDE node is not opened for a command its packet cannot carry
 // (ideCommandFits false): the request is refused without touching the drive.
+// The device's lock is tried while the record is at hand, so that a request
+// looks its device up once.
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits);

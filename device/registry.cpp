@@ -29,6 +29,21 @@ CPosixMutex OpenedDevicesMapLock(0);
 
 namespace {
 
+// Cached descriptors in use by requests; guarded by OpenedDevicesMapLock.
+// Few at a time, so a list; its capacity is kept, so pinning does not
+// allocate once the list has grown.
+struct PinnedDescriptor {
+  int fd;
+  int users;
+  bool closeWhenFree;  // the cache let go of it while it was in use
+};
+std::vector<PinnedDescriptor> PinnedDescriptors;
+
+std::vector<PinnedDescriptor>::iterator PinOf(int fd) {
+  return std::find_if(PinnedDescriptors.begin(), PinnedDescriptors.end(),
+                      [fd](const PinnedDescriptor& pin) { return pin.fd == fd; });
+}
+
 // Device locks whose records were purged while a request held them; guarded
 // by DevicesMapLock. See SCSI_DeleteDeviceProperties.
 std::vector<CPosixMutex*> RetiredDeviceLocks;
@@ -93,10 +108,10 @@ char* PutTwoDigitField(char* out, int value) {
 
 }  // namespace
 
-// "h%02dc%02dt%02dd%02d". Every request looks its device up several times,
-// so the key is put together without a printf pass.
-CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun) {
-  char text[64];
+namespace {
+
+// "h%02dc%02dt%02dd%02d" into text (room for 64); returns the length.
+int PutDeviceKey(char* text, int host, int channel, int target, int lun) {
   char* out = text;
   *out++ = 'h';
   out = PutTwoDigitField(out, host);
@@ -106,11 +121,26 @@ CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun
   out = PutTwoDigitField(out, target);
   *out++ = 'd';
   out = PutTwoDigitField(out, lun);
-  return CBasicString<char>(text, static_cast<int>(out - text));
+  *out = '\0';
+  return static_cast<int>(out - text);
 }
 
+}  // namespace
+
+CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun) {
+  char text[64];
+  return CBasicString<char>(text, PutDeviceKey(text, host, channel, target, lun));
+}
+
+// Every request looks its device up, so the key is written by hand into a
+// string each thread keeps: once grown, it is refilled in place, without a
+// printf pass or an allocation. Freed at thread exit.
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
-  SCSI_DevicesMap::const_iterator found = DevicesMap.find(SCSI_MakeDeviceKey(host, channel, target, lun));
+  thread_local CBasicString<char> key;
+  char text[64];
+  PutDeviceKey(text, host, channel, target, lun);
+  key = text;
+  SCSI_DevicesMap::const_iterator found = DevicesMap.find(key);
   return found == DevicesMap.end() ? nullptr : found->second;
 }
 
@@ -156,6 +186,31 @@ void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
   if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
   RetiredDeviceLocks.erase(retired);
   delete lock;
+}
+
+void SCSI_PinCachedDescriptor(int fd) {
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end())
+    PinnedDescriptors.push_back({fd, 1, false});
+  else
+    ++pin->users;
+}
+
+void SCSI_UnpinCachedDescriptor(int fd) {
+  CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
+  if (pin->closeWhenFree) kavo::os::Close(fd);
+  PinnedDescriptors.erase(pin);
+}
+
+void SCSI_CloseCachedDescriptor(int fd) {
+  if (fd < 0) return;
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end())
+    kavo::os::Close(fd);
+  else
+    pin->closeWhenFree = true;
 }
 
 CBasicString<char> SCSI_CopyAdapterName(int n) {

@@ -58,3 +58,13 @@ void SCSI_RegisterDevice(const CBasicString<char>& deviceKey, SCSI_DevicePropert
 // Stores an adapter record under adapter unless a record is there already.
 // Takes HostAdaptersMapLock itself.
 void SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
+
+// A request to a drive held exclusively uses the cache's own descriptor
+// rather than a copy of it, and pins it for that time: the number must not
+// be closed (and handed out again by the kernel) while the request writes
+// and reads on it. Pin and close run with OpenedDevicesMapLock held; a close
+// of a pinned descriptor is deferred to its last user's unpin, which takes
+// OpenedDevicesMapLock itself.
+void SCSI_PinCachedDescriptor(int fd);
+void SCSI_UnpinCachedDescriptor(int fd);
+void SCSI_CloseCachedDescriptor(int fd);

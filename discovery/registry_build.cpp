@@ -27,7 +27,7 @@ SCSI_DeviceProperties* DeviceWithPath(const CBasicString<char>& path) {
 // DevicesMapLock and OpenedDevicesMapLock are held.
 void ReleaseHold(const CBasicString<char>& devicePath, SCSI_RefCountedFileDesc* hold) {
   if (hold == nullptr) return;
-  if (hold->nFileDesc >= 0) kavo::os::Close(hold->nFileDesc);
+  SCSI_CloseCachedDescriptor(hold->nFileDesc);
   hold->nFileDesc = -1;
   if (hold->bHalLocked) {
     const SCSI_DeviceProperties* device = DeviceWithPath(devicePath);
