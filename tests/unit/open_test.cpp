@@ -1,9 +1,8 @@
-// Opening registered devices: flags by node kind, busy retries, counting
-// mounts and the unmount chain (its order and commands).
+// Opening registered devices: busy retries, counting mounts and the
+// unmount chain (its order and commands).
 #include "device/open.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
 
 #include "device/unmount_internal.h"
@@ -17,53 +16,11 @@ using Lines = std::vector<std::string>;
 const std::string kQuiet = " > /dev/null 2>&1";
 const std::string kUmount = "umount /dev/sr0" + kQuiet, kPumount = "pumount /dev/sr0" + kQuiet;
 
-class OpenTest : public ::testing::Test {
- protected:
-  OpenTest() : scope_(world_) {
-    fixture::PlaceSgDrive(world_, "/dev/sg0", 0, 0, 0, 0);
-    world_.AddNode("/dev/sr0", std::make_shared<fixture::DeviceNode>());
-  }
-  // Opens the device at target: "failed", or each open's path and flags, and "no block" without a block descriptor.
-  std::string OpenAt(int target, bool withBlock = false) {
-    const size_t opensBefore = world_.Opens().size();
-    int block = 5;
-    const int fd = SCSI_OpenDevice(0, 0, target, 0, 0, withBlock ? &block : nullptr);
-    std::string text = fd == -1 ? "failed" : "";
-    const std::vector<fixture::OpenRecord> opens = world_.Opens();
-    for (size_t i = opensBefore; i < opens.size(); ++i) text += opens[i].path + " " + std::to_string(opens[i].flags) + " ";
-    if (withBlock && block != -1) kavo::os::Close(block);
-    if (fd != -1) kavo::os::Close(fd);
-    return text + (withBlock && block == -1 ? "no block" : "");
-  }
-  fixture::FixtureWorld world_;
-  fixture::FixtureWorld::Scope scope_;
-  fixture::RegistryReset registry_;
-};
-
-// Generic and IDE nodes open read-write and non-blocking, others
-// read-only; a block descriptor comes only for a generic node whose block
-// node opens.
-TEST_F(OpenTest, FlagsPreparationAndBlockNodeFollowTheNodeKind) {
-  const struct {
-    const char *path, *block, *result;
-  } rows[] = {
-      {"/dev/sg3", "/dev/sr0", "/dev/sg3 2050 /dev/sr0 2048 "},
-      {"/dev/sg4", "/dev/sr9", "/dev/sg4 2050 /dev/sr9 2048 no block"},
-      {"/dev/hdc", "/dev/sr0", "/dev/hdc 2050 no block"},
-      {"/dev/scd0", "", "/dev/scd0 0 no block"},
-      {"sg1", "", "sg1 0 no block"},
-      {"/dev/s", "", "/dev/s 0 no block"},
-  };
-  for (const auto& row : rows) {
-    world_.AddNode(row.path, std::make_shared<fixture::DeviceNode>());
-    fixture::RegisterTestDevice(0, 0, &row - rows, 0, row.path, row.block);
-    EXPECT_EQ(row.result, OpenAt(&row - rows, true));
-  }
-  EXPECT_EQ("failedno block", OpenAt(9, true));
-  EXPECT_EQ(0, world_.OpenDescriptorCount());
-}
-
-TEST_F(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
+TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
+  fixture::FixtureWorld world;
+  fixture::FixtureWorld::Scope scope(world);
+  fixture::RegistryReset registry;
+  fixture::PlaceSgDrive(world, "/dev/sg0", 0, 0, 0, 0);
   fixture::RegisterTestDevice(0, 0, 0, 0, "/dev/sg0");
   const struct {
     int error, times;
@@ -71,12 +28,14 @@ TEST_F(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
     unsigned long long slept;
   } rows[] = {{EBUSY, 3, 4, 300}, {EBUSY, -1, 11, 1000}, {ENOENT, -1, 1, 0}};
   for (const auto& row : rows) {
-    const size_t opensBefore = world_.Opens().size();
-    const unsigned long long sleptBefore = world_.SleptMicroseconds();
-    world_.FailOpen("/dev/sg0", row.error, row.times);
-    EXPECT_EQ(row.times > 0, OpenAt(0).find("failed") == std::string::npos);
-    EXPECT_EQ(row.opens, world_.Opens().size() - opensBefore);
-    EXPECT_EQ(row.slept, world_.SleptMicroseconds() - sleptBefore);
+    const size_t opensBefore = world.Opens().size();
+    const unsigned long long sleptBefore = world.SleptMicroseconds();
+    world.FailOpen("/dev/sg0", row.error, row.times);
+    const int fd = SCSI_OpenDevice(0, 0, 0, 0, 0, nullptr);
+    EXPECT_EQ(row.times > 0, fd != -1);
+    kavo::os::Close(fd);
+    EXPECT_EQ(row.opens, world.Opens().size() - opensBefore);
+    EXPECT_EQ(row.slept, world.SleptMicroseconds() - sleptBefore);
   }
 }
 
