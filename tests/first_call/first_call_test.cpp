@@ -5,8 +5,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "aspi/srb.h"
@@ -14,42 +13,22 @@
 
 namespace {
 
-// A generic node whose first open waits until the test lets it through,
-// holding the registry build in the middle of its scan.
-class GateNode : public fixture::AddressedNode {
- public:
-  GateNode() : AddressedNode(0, 0, 0, 0) {}
-  int OnOpen(int) override {
-    std::unique_lock<std::mutex> hold(mutex_);
-    if (opens_++ == 0) {
-      changed_.notify_all();
-      changed_.wait(hold, [this] { return released_; });
-    }
-    return 0;
-  }
-  void WaitUntilEntered() {
-    std::unique_lock<std::mutex> hold(mutex_);
-    changed_.wait(hold, [this] { return opens_ > 0; });
-  }
-  void Release() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    released_ = true;
-    changed_.notify_all();
-  }
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool released_ = false;
-  int opens_ = 0;
-};
-
 TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   fixture::FixtureWorld world;
   fixture::FixtureWorld::Scope scope(world);
-  auto gate = std::make_shared<GateNode>();
-  world.AddNode("/dev/sg0", gate);
+  auto node = fixture::PlaceSgDrive(world, "/dev/sg0", 0, 0, 0, 0);
+  std::promise<void> entered, released;
+  std::shared_future<void> release = released.get_future().share();
+  std::atomic<int> opens(0);
+  node->onOpen = [&] {  // the build's first open waits in the middle of its scan
+    if (opens++ == 0) {
+      entered.set_value();
+      release.wait();
+    }
+  };
   unsigned int firstResult = 0, secondResult = 0;
   std::thread first([&] { firstResult = GetASPI32SupportInfo(); });
-  gate->WaitUntilEntered();
+  entered.get_future().wait();
   std::atomic<bool> secondReturned(false);
   std::thread second([&] {
     SRB_HAInquiry inquiry = {};
@@ -60,12 +39,12 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_FALSE(secondReturned) << "the second caller must not see a half-built registry";
-  gate->Release();
+  released.set_value();
   first.join();
   second.join();
   EXPECT_EQ(0x101u, firstResult);
   EXPECT_EQ(0x101u, secondResult);
-  EXPECT_EQ(1, gate->opens_) << "the registry is built once";
+  EXPECT_EQ(1, opens.load()) << "the registry is built once";
   fixture::RegistryReset();
 }
 

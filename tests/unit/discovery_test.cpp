@@ -21,13 +21,17 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// "h02c00t00d00 /dev/sg0 /dev/scd0" a device, then "2 ata_piix emulated" an adapter.
+// "h02c00t00d00 /dev/sg0 /dev/scd0 UDI" a device (block node and HAL's UDI
+// where it has them), then "2 ata_piix emulated" an adapter.
 Lines Registry() {
   Lines lines;
   DevicesMapHold hold;
-  for (const auto& entry : DevicesMap)
-    lines.push_back(std::string(entry.first.GetString()) + " " + entry.second->DevicePath.GetString() +
-                    (entry.second->BlockDevicePath.IsEmpty() ? "" : " ") + entry.second->BlockDevicePath.GetString());
+  for (const auto& entry : DevicesMap) {
+    std::string line = std::string(entry.first.GetString()) + " " + entry.second->DevicePath.GetString();
+    for (const CBasicString<char>* more : {&entry.second->BlockDevicePath, &entry.second->HalUdi})
+      if (!more->IsEmpty()) line += std::string(" ") + more->GetString();
+    lines.push_back(line);
+  }
   for (const auto& entry : HostAdaptersMap)
     lines.push_back(std::to_string(entry.first) + " " + entry.second->AdapterName.GetString() +
                     (entry.second->IsEmulated ? " emulated" : " real"));
@@ -52,122 +56,48 @@ class Discovery : public ::testing::Test {
   std::unique_ptr<fixture::FixtureWorld::Scope> scope;
 };
 
-// IDE interfaces are numbered first, SCSI hosts after them; only drives of
-// the ide-cdrom driver are opened. Before 2.6 ide-scsi drives count and hosts
-// are named from /proc/scsi; from 2.6 on an ide-scsi host has no drives and
-// does not count.
+// IDE interfaces with a reachable ide-cdrom drive are numbered first and
+// densely, their drives by letter; SCSI hosts come after them. Before 2.6
+// ide-scsi drives count and hosts are named from /proc/scsi; from 2.6 on an
+// ide-scsi host has no drives and does not count. Each drive gets HAL's
+// first UDI naming its node or block node. The generic node walk ends
+// after 16 failed nodes.
 TEST_F(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
+  const std::string cd = "/org/freedesktop/Hal/devices/cd", dvd = "/org/freedesktop/Hal/devices/dvd";
+  const std::vector<std::pair<std::string, std::string>> halCdroms = {
+      {"/org/freedesktop/Hal/devices/none", ""}, {dvd, "/dev/hdc"}, {cd, "/dev/scd0"}, {cd + "_0", "/dev/scd0"}};
   const struct {
     const char* machine;
+    bool hal;
     int ideAdapters, controllers;
-    Lines registry, ideOpens;
+    Lines registry;
   } rows[] = {
-      {"ide_and_scsi", 2, 5,
-       {"h00c00t00d00 /dev/hdb", "h01c00t00d00 /dev/hdc", "h01c00t01d00 /dev/hdd", "h02c00t00d00 /dev/sg0 /dev/scd0",
+      {"ide_and_scsi", true, 2, 5,
+       {"h00c00t00d00 /dev/hdb", "h01c00t00d00 /dev/hdc " + dvd, "h01c00t01d00 /dev/hdd",
+        "h02c00t00d00 /dev/sg0 /dev/scd0 " + cd,
         "h04c00t03d00 /dev/sg1 /dev/sr1", "0 ide-cdrom real", "1 ide-cdrom real", "2 ata_piix emulated",
-        "4 sym53c8xx real"},
-       {"/dev/hdb", "/dev/hdd", "/dev/hdc", "/dev/hde"}},
-      {"kernel24_ide_scsi", 0, 2,
+        "4 sym53c8xx real"}},
+      {"kernel24_ide_scsi", true, 0, 2,
        {"h00c00t00d00 /dev/sg0 /dev/scd0", "h01c00t02d00 /dev/sg1 /dev/scd1", "0 ide-scsi emulated",
-        "1 sym53c8xx real"}, {}},
-      {"kernel26_ide_scsi", 0, 1, {"h00c00t00d00 /dev/sg0 /dev/sr0", "0 usb-storage real", "1 ide-scsi emulated"}, {}},
-      {"no_drives", 0, 0, {}, {}},
+        "1 sym53c8xx real"}},
+      {"kernel26_ide_scsi", false, 0, 1, {"h00c00t00d00 /dev/sg0 /dev/scd0", "0 usb-storage real", "1 ide-scsi emulated"}},
+      {"no_drives", false, 0, 0, {}},
+      {"ide_pass", false, 2, 2,
+       {"h00c00t00d00 /dev/hde", "h00c00t01d00 /dev/hdf", "h01c00t00d00 /dev/hdi", "0 ide-cdrom real",
+        "1 ide-cdrom real"}},
+      {"walk_and_names", false, 0, 2,
+       {"h00c00t00d00 /dev/sg0", "h01c00t03d00 /dev/sg16", "0 " + std::string(63, 'x') + " real", "1 qla2xxx real"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.machine);
     Machine(row.machine);
+    if (row.hal) fixture::InstallFakeHal(*world).cdroms = halCdroms;
     SCSI_Init();
     EXPECT_EQ(row.ideAdapters, IdeAdapterCount);
     EXPECT_EQ(row.controllers, ControllerCount);
     EXPECT_EQ(row.registry, Registry());
-    Lines ideOpens;
-    for (const fixture::OpenRecord& open : world->Opens())
-      if (open.path.compare(0, 7, "/dev/hd") == 0) ideOpens.push_back(open.path);
-    EXPECT_EQ(row.ideOpens, ideOpens);
+    SCSI_Done();
     EXPECT_EQ(0, world->OpenDescriptorCount());
-  }
-}
-
-// Interfaces with a reachable ide-cdrom drive are numbered densely, their
-// drives by letter; unreachable drives and other drivers are left out.
-TEST_F(Discovery, IdePassNumbersReachableCdromDrives) {
-  const struct {
-    const char *drive, *driver;
-    int error;  // the open fails with it; -1: the status request fails
-  } rows[] = {{"ide0/hda", "ide-cdrom", -1},         {"ide0/hdb", "ide-cdrom", ENXIO},
-              {"ide1/hdc", "ide-cdrom-extended", 0}, {"ide1/hdd", nullptr, 0},
-              {"ide2/hdf", "ide-cdrom 4.61", 0},     {"ide2/hde", "ide-cdrom\tversion", 0},
-              {"ide3/hdg", "  ", 0},                 {"ide4/hdi", "ide-cdrom", 0}};
-  fixture::FixtureWorld& machine = Machine();
-  for (const auto& row : rows) {
-    const std::string drive = row.drive, node = "/dev/" + drive.substr(5);
-    machine.AddDirectory("/proc/ide/" + drive);
-    if (row.driver) machine.AddFile("/proc/ide/" + drive + "/driver", std::string(row.driver) + "\n");
-    auto addressed = std::make_shared<fixture::AddressedNode>(drive[3] - '0', 0, node.back() - 'a', 0);
-    addressed->answersDriveStatus_ = row.error != -1;
-    machine.AddNode(node, addressed);
-    if (row.error > 0) machine.FailOpen(node, row.error);
-  }
-  SCSI_BuildRegistry();
-  EXPECT_EQ((Lines{"h00c00t00d00 /dev/hde", "h00c00t01d00 /dev/hdf", "h01c00t00d00 /dev/hdi", "0 ide-cdrom real",
-                   "1 ide-cdrom real"}),
-            Registry());
-  EXPECT_EQ(0, machine.OpenDescriptorCount());
-}
-
-// Names are read from sysfs as fgets reads a line of at most 63 characters;
-// before 2.6 from the last /proc/scsi driver directory listing the host.
-TEST_F(Discovery, AdapterNamesFromSysfsOrProcScsi) {
-  const std::string sysfs = "/sys/class/scsi_host/host";
-  const struct {
-    int kernel26, host;
-    Lines files;
-    std::string name;
-  } rows[] = {
-      {1, 0, {sysfs + "0/proc_name", ""}, "unknown"},
-      {1, 0, {sysfs + "0/proc_name", std::string(70, 'x') + "\n"}, std::string(63, 'x')},
-      {1, 0, {sysfs + "0/proc_name", "qla2xxx\nsecond line\n"}, "qla2xxx"},
-      {1, 0, {sysfs + "1/proc_name", "other host\n"}, "unknown"},
-      {0, 0, {"/proc/scsi/aic7xxx/0", "", "/proc/scsi/usb-storage/0", "", "/proc/scsi/.hidden/0", ""}, "usb-storage"},
-      {0, 1, {"/proc/scsi/usb-storage/10", "", sysfs + "1/proc_name", "ignored\n"}, "unknown"},
-  };
-  for (const auto& row : rows) {
-    fixture::FixtureWorld& machine = Machine(nullptr, row.kernel26);
-    for (size_t i = 0; i < row.files.size(); i += 2) machine.AddFile(row.files[i], row.files[i + 1]);
-    machine.AddNode("/dev/sg0", std::make_shared<fixture::AddressedNode>(row.host, 0, 0, 0));
-    SCSI_BuildRegistry();
-    EXPECT_EQ(row.name, SCSI_GetAdapterName(row.host)) << &row - rows;
-  }
-}
-
-// A walk ends after 16 failed nodes counted over the whole walk, or when the
-// visitor says so; busy and forbidden nodes are skipped uncounted, silent ones count.
-TEST_F(Discovery, NodeWalkEndsAfterSixteenFailures) {
-  const struct {
-    std::vector<int> nodes, refused, silent;
-    int stopTarget;
-    Lines taken;
-    std::string last;
-  } rows[] = {
-      {{0, 1, 2, 12, 20}, {}, {}, -1, {"/dev/sg0", "/dev/sg1", "/dev/sg2", "/dev/sg12"}, "/dev/sg19"},
-      {{0, 1, 2, 12, 20}, {}, {}, 2, {"/dev/sg0", "/dev/sg1", "/dev/sg2"}, "/dev/sg2"},
-      {{0, 1, 2, 3, 4, 5, 6, 7, 8}, {0, 1, 2, 3, 4, 5}, {6, 7}, -1, {"/dev/sg8"}, "/dev/sg22"},
-  };
-  for (const auto& row : rows) {
-    fixture::FixtureWorld& machine = Machine();
-    for (int n : row.nodes) {
-      auto node = std::make_shared<fixture::AddressedNode>(0, 0, n, 0);
-      node->answersAddress_ = std::count(row.silent.begin(), row.silent.end(), n) == 0;
-      machine.AddNode("/dev/sg" + std::to_string(n), node);
-    }
-    for (int n : row.refused) machine.FailOpen("/dev/sg" + std::to_string(n), n % 2 ? EACCES : EBUSY);
-    Lines taken;
-    SCSI_WalkDeviceNodes(SCSI_MakeSgDeviceName, O_RDONLY, [&](int, char const* path, const SCSI_NodeAddress& at) {
-      return taken.push_back(path), at.target == row.stopTarget;
-    });
-    EXPECT_EQ(row.taken, taken);
-    EXPECT_EQ(row.last, machine.Opens().back().path);
-    EXPECT_EQ(0, machine.OpenDescriptorCount());
   }
 }
 
@@ -207,42 +137,6 @@ TEST_F(Discovery, RescanWaitsForTheLastHoldOrTheStopRequest) {
     EXPECT_GE(machine.SleptMicroseconds(), 500u * 20);
     kavo::os::Close(fd);
     fixture::RegistryReset();
-  }
-}
-
-// HAL starts only on 2.6 and when it comes up; each drive gets the first UDI
-// naming its node or block node; a purge unlocks only what HAL locked.
-TEST_F(Discovery, HalGivesDrivesTheirUdisAndGetsItsLocksBack) {
-  const std::string dvd = "/org/freedesktop/Hal/devices/dvd", cd = "/org/freedesktop/Hal/devices/cd";
-  const struct {
-    const char *machine, *failing;
-    bool available;
-    std::vector<int> adapters;  // the drives at target 0 of these
-    Lines udis;
-  } rows[] = {{"kernel24_ide_scsi", "", false, {0}, {""}},
-              {"ide_and_scsi", "libhal_ctx_init", false, {1, 2}, {"", ""}},
-              {"ide_and_scsi", "", true, {1, 2}, {dvd, cd}}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.machine);
-    fixture::FixtureWorld& machine = Machine(row.machine);
-    fixture::FakeHal& hal = fixture::InstallFakeHal(machine);
-    hal.cdroms = {{"/org/freedesktop/Hal/devices/none", ""}, {dvd, "/dev/hdc"}, {cd, "/dev/scd0"},
-                  {cd + "_0", "/dev/scd0"}, {"/org/freedesktop/Hal/devices/usb", "/dev/sr7"}};
-    hal.failing = row.failing;
-    SCSI_Init();
-    EXPECT_EQ(row.available, libhal_support_is_available());
-    Lines udis;
-    for (int adapter : row.adapters) udis.push_back(SCSI_GetDeviceProperties(adapter, 0, 0, 0)->HalUdi.GetString());
-    EXPECT_EQ(row.udis, udis);
-    for (const char* path : {"/dev/hdc", "/dev/sg0"})
-      if (row.available)
-        OpenedDevicesMap[CBasicString<char>(path)] = new SCSI_RefCountedFileDesc{kavo::os::Open(path, 0), 1, path[5] == 'h'};
-    SCSI_BuildRegistry();
-    EXPECT_EQ(row.available ? Lines{"Unlock " + dvd} : Lines{}, hal.Sent());
-    EXPECT_EQ(0, machine.OpenDescriptorCount());
-    SCSI_Done();
-    EXPECT_FALSE(libhal_support_is_available());
-    EXPECT_EQ(0, hal.outstanding);
   }
 }
 
