@@ -77,9 +77,9 @@ int ADriveAnotherProgramHolds() {
 int main() {
   const struct { const char* what; int (*run)(); } rows[] = {
       {"a READ(10) after a rejected 5-byte command on the held drive reads its sector", ShortCommandOnAHeldDrive},
-      {"reads while the drive is taken and released carry their sectors", ReadsWhileTakenAndReleased},
       {"a request to a drive another program holds fails rather than waits; the other goes on",
        ADriveAnotherProgramHolds},
+      {"reads while the drive is taken and released carry their sectors", ReadsWhileTakenAndReleased},
   };
   Machine machine;
   find_machine(&machine);

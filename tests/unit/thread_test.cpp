@@ -1,5 +1,4 @@
-// Threads on real threads: held start, exit code, own object, parent, and the
-// wait on destruction.
+// Threads on real threads: held start, exit code, own object, parent, wait on destruction.
 #include "runtime/thread.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +55,6 @@ TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
     EXPECT_TRUE(probe.finished && probe.self == thread && probe.parent == nullptr) << row.what;
     EXPECT_EQ(row.how == kNested ? thread : nullptr, inner.parent) << row.what;
   }
-  EXPECT_TRUE(FinishesWithin(milliseconds(2000), [] { delete new CPosixThread; })) << "a thread never created";
 }
 
 }  // namespace
