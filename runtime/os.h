@@ -29,9 +29,6 @@ int Close(int fd);
 ssize_t Read(int fd, void* buffer, size_t count);
 ssize_t Write(int fd, const void* buffer, size_t count);
 int Ioctl(int fd, unsigned long request, void* argument);
-// dup(): a second descriptor of the same open file (its flags, its O_EXCL
-// hold and, on a generic node, its pending command length and reply).
-int Dup(int fd);
 // fcntl() with an int argument (F_GETFL, F_SETFL).
 int Fcntl(int fd, int command, int argument);
 

@@ -24,7 +24,6 @@ ssize_t Write(int fd, const void* buffer, size_t count) { return ::write(fd, buf
 
 int Ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, request, argument); }
 
-int Dup(int fd) { return ::dup(fd); }
 
 int Fcntl(int fd, int command, int argument) { return ::fcntl(fd, command, argument); }
 

@@ -56,23 +56,9 @@ void Note(unsigned int address) {
 // Drive A is the machine's /dev/sg0 (host 0, target 0: adapter 2 behind two
 // IDE adapters); drive B sits on host 254, target 5, so its adapter 256 packs
 // as 0. A drive that goes loses the nodes that every source opens.
-const struct { int sg, host, target; const char* block; } kDrives[] = {{0, 0, 0, "/dev/scd0"}, {4, 254, 5, "/dev/sr4"}};
-
-void Present(fixture::FixtureWorld& world, int drives) {  // bit 0: A, bit 1: B
-  std::string listing = "Attached devices:\n";
-  for (int i = 0; i < 2; ++i) {
-    const auto& d = kDrives[i];
-    world.Remove("/dev/sg" + std::to_string(d.sg)), world.Remove(d.block);
-    if ((drives >> i & 1) == 0) continue;
-    world.AddNode("/dev/sg" + std::to_string(d.sg), std::make_shared<fixture::AddressedNode>(d.host, 0, d.target, 0));
-    world.AddNode(d.block, std::make_shared<fixture::AddressedNode>(d.host, 0, d.target, 0));
-    world.AddFile("/sys/block/sr" + std::to_string(d.sg) + "/device/vendor", "QEMU    \n");
-    world.AddFile("/sys/block/sr" + std::to_string(d.sg) + "/device/model", "QEMU CD-ROM\n");
-    listing += "Host: scsi" + std::to_string(d.host) + " Channel: 00 Id: 0" + std::to_string(d.target) +
-               " Lun: 00\n  Vendor: QEMU     Model: QEMU CD-ROM      Rev: 2.5+\n"
-               "  Type:   CD-ROM                           ANSI  SCSI revision: 05\n";
-  }
-  world.AddFile("/proc/scsi/scsi", listing);
+void Present(fixture::FixtureWorld& world, const char* drives) {
+  for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/sg4", "/dev/sr4"}) world.Remove(node);
+  world.Load(std::string("hotplug/") + drives);
 }
 
 TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
@@ -85,10 +71,10 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     fixture::FixtureWorld::Scope scope(world);
     SCSI_ResetDiscoveryState();
     world.Load("ide_and_scsi");
-    Present(world, 1);
+    Present(world, "a");
     if (source[0] == 'H') {
       fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-      for (const auto& d : kDrives) hal.cdroms.push_back({d.block, d.block});  // its udi, its node
+      hal.cdroms = {{"/dev/scd0", "/dev/scd0"}, {"/dev/sr4", "/dev/sr4"}};  // its udi, its node
     }
     if (source[1] == 'p') world.Remove("/sys/block");
     eventLog.clear();
@@ -99,7 +85,7 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
       size_t builds = 0;
       for (const fixture::OpenRecord& open : world.Opens()) builds += open.path == "/dev/sg0" && open.flags & O_RDWR;
       eventLog += "R" + std::to_string(builds) + ";";
-      if (calls < 16) return Present(world, calls == 1 ? 3 : calls == 6 ? 1 : 2);
+      if (calls < 16) return Present(world, calls == 1 ? "ab" : calls == 6 ? "a" : "b");
       while (MonitorStopRequest.load() == 0) std::this_thread::yield();
     });
     world.AllowThreads(true);
