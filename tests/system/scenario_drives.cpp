@@ -1,8 +1,6 @@
-// The VM's real drives through the library, one table a subject: requests
-// whose outcome the kernel and the drive decide, exclusive mode on a really
-// mounted disc, races with holds and other programs, per-device workers,
-// and hot-plug last. Reads, TOC, sense texts and INQUIRY versions are
-// aspitool's rows (scenario-aspitool).
+// The VM's real drives through the library: each drive's steps with a really mounted
+// disc, races with holds and other programs, per-device workers, hot-plug last.
+// Reads, TOC, sense texts and INQUIRY versions are scenario-aspitool's rows.
 #include <errno.h>
 #include <fcntl.h>
 #include <glob.h>
@@ -29,12 +27,12 @@ int failures;
 
 // Prints "ok - what" or "not ok - what: why"; returns passed.
 bool Check(bool passed, const char* what, const char* whyFormat, ...) {
+  char why[256];
   va_list args;
   va_start(args, whyFormat);
-  printf("%s - %s%s", passed ? "ok" : "not ok", what, passed ? "" : ": ");
-  if (!passed) vprintf(whyFormat, args);
+  vsnprintf(why, sizeof why, whyFormat, args);
   va_end(args);
-  printf("\n");
+  printf(passed ? "ok - %s\n" : "not ok - %s: %s\n", what, why);
   fflush(stdout);
   failures += !passed;
   return passed;
@@ -43,10 +41,8 @@ bool Check(bool passed, const char* what, const char* whyFormat, ...) {
 // tools/vm's drives with the disc: a CD drive on virtio_scsi (host 0), a
 // DVD drive on ata_piix (host 2). Without IDE adapters the
 // ASPI adapter number is the Linux host number.
-struct Drive {
-  int host, target;
-  char generic[32], block[32];  // /dev/sgN, /dev/srN
-} scsi{0, 0, "", ""}, atapi{2, 0, "", ""};
+struct Drive { int host, target; char generic[32], block[32]; };  // the nodes: /dev/sgN, /dev/srN
+Drive scsi{0, 0, "", ""}, atapi{2, 0, "", ""};
 
 bool FindNodes(Drive* drive) {
   char* nodes[2] = {drive->generic, drive->block};
@@ -62,21 +58,19 @@ bool FindNodes(Drive* drive) {
 }
 
 unsigned dataLba;  // the test disc's data file
+int image = -1;    // the test disc's sectors
 
 bool LoadDisc() {
   FILE* file = fopen("/opt/kavo/disc.env", "r");
   const int read = file ? fscanf(file, "DISC_SECTORS=%*u README_LBA=%*u README_SIZE=%*u DATA_LBA=%u", &dataLba) : 0;
   if (file) fclose(file);
-  return read == 1;
+  return read == 1 && (image = open("/opt/kavo/disc.iso", O_RDONLY)) >= 0;
 }
 
 // Whether data holds the disc image's sector at lba.
 bool IsDisc(const unsigned char* data, unsigned lba) {
   unsigned char expected[2048];
-  const int fd = open("/opt/kavo/disc.iso", O_RDONLY);
-  const ssize_t got = fd < 0 ? -1 : pread(fd, expected, 2048, off_t(lba) * 2048);
-  if (fd >= 0) close(fd);
-  return got == 2048 && memcmp(data, expected, 2048) == 0;
+  return pread(image, expected, 2048, off_t(lba) * 2048) == 2048 && memcmp(data, expected, 2048) == 0;
 }
 
 SRB_ExecSCSICmd Request(const Drive& drive, unsigned char flags, unsigned char* buffer, unsigned length,
@@ -103,11 +97,9 @@ int WrongRead(const Drive& drive, unsigned lba, bool mustComplete) {
   return srb.SRB_Status != SS_COMP ? mustComplete : !IsDisc(got, lba);
 }
 
-// Two threads read the drive and one the other drive while `rounds` take
-// and release cycles run on the first (none: for half a second, all must
-// complete); returns the wrong reads. Each thread reads its own sectors:
-// on a held drive's one descriptor the driver hands a reply to whichever
-// thread reads first, and only the device's lock keeps them apart.
+// Wrong reads by two threads on drive and one on other, while `rounds` holds come and go
+// (none: for 0.5 s, all must complete). Each reads its own sectors: a held drive's one
+// descriptor hands a reply to whichever thread reads first; the device's lock pairs them.
 int ReadsWhileTaking(const Drive& drive, const Drive& other, int rounds) {
   std::atomic<int> wrong(0);
   std::atomic<bool> stop(false);
@@ -123,17 +115,8 @@ int ReadsWhileTaking(const Drive& drive, const Drive& other, int rounds) {
   return wrong;
 }
 
-int OpenError(const char* path, int flags) {
-  const int fd = open(path, O_NONBLOCK | flags);
-  return fd < 0 ? errno : close(fd);
-}
-
 enum Action { TYPE, SEND_KEY, MOUNT, UNMOUNT, TAKE, RELEASE, OPEN_EXCLUSIVE, THREADS };
-struct Step {
-  const char* what;
-  Action action;
-  int expected;  // a result, an errno, or a count of wrong reads
-};
+struct Step { const char* what; Action action; int expected; };  // a result, an errno or a count of wrong reads
 const Step steps[] = {
     {"GET DEVICE TYPE says CD/DVD drive", TYPE, 5},
     {"SEND KEY is made data-out and completes with the drive's ILLEGAL REQUEST", SEND_KEY, 5},
@@ -149,6 +132,7 @@ const Step steps[] = {
 int Run(const Drive& drive, Action action, const Drive& other) {
   const unsigned char sendKey[12] = {0xA3};
   SRB_ExecSCSICmd srb = Request(drive, 0, nullptr, 0, sendKey, 12);
+  int fd;
   SRB_GDEVBlock type = {};
   type.SRB_Cmd = SC_GET_DEV_TYPE, type.SRB_HaId = drive.host, type.SRB_Target = drive.target;
   switch (action) {
@@ -160,7 +144,7 @@ int Run(const Drive& drive, Action action, const Drive& other) {
     case UNMOUNT: return umount("/mnt/disc") == 0 ? 0 : errno;
     case TAKE: return ASPI_setExclusiveMode(drive.host, drive.target);
     case RELEASE: return ASPI_unsetExclusiveMode(drive.host, drive.target);
-    case OPEN_EXCLUSIVE: return OpenError(drive.generic, O_RDWR | O_EXCL);
+    case OPEN_EXCLUSIVE: return (fd = open(drive.generic, O_RDWR | O_EXCL | O_NONBLOCK)) < 0 ? errno : close(fd);
     case THREADS: return ReadsWhileTaking(drive, other, 0);
   }
   return -2;
@@ -168,11 +152,10 @@ int Run(const Drive& drive, Action action, const Drive& other) {
 
 int ShortCommandOnAHeldDrive() {
   const unsigned char cdb[5] = {0x28};
-  int wrong = ASPI_setExclusiveMode(scsi.host, scsi.target) != 0;
   SRB_ExecSCSICmd srb = Request(scsi, 0, nullptr, 0, cdb, 5);
+  const int held = ASPI_setExclusiveMode(scsi.host, scsi.target);
   SendASPI32Command(&srb);
-  wrong += WrongRead(scsi, dataLba, true);
-  return wrong + (ASPI_unsetExclusiveMode(scsi.host, scsi.target) != 0);
+  return (held != 0) + WrongRead(scsi, dataLba, true) + (ASPI_unsetExclusiveMode(scsi.host, scsi.target) != 0);
 }
 
 // Another program holds the DVD drive: the generic driver would make an
@@ -189,7 +172,7 @@ int ADriveAnotherProgramHolds() {
   }
   char answer = 'n';
   const bool holds = read(ready[0], &answer, 1) == 1 && answer == 'y';
-  const int wrong = !holds + !WrongRead(atapi, dataLba, true) + WrongRead(scsi, dataLba, true);
+  const int wrong = !holds + !WrongRead(atapi, dataLba, true) + WrongRead(scsi, dataLba, true);  // refused, read
   kill(child, SIGTERM);
   waitpid(child, nullptr, 0);
   return wrong;
@@ -259,8 +242,7 @@ void HotPlug() {
   ASPI_Callbacks callbacks = {Note<0>, Note<1>};
   ASPI_putCallbacks(&callbacks);
   const pid_t watcher = fork();
-  if (watcher == 0 && freopen("/tmp/watch.out", "w", stdout))
-    execl("/opt/kavo/bin/aspitool", "aspitool", "watch", nullptr);
+  if (watcher == 0 && freopen("/tmp/watch.out", "w", stdout)) execl("/opt/kavo/bin/aspitool", "aspitool", "watch", nullptr);
   if (watcher == 0) _exit(127);
   Check(Within20s("watching"), "aspitool watch starts", "it did not");
   const struct { const char *monitor, *heard, *shown; } changes[] = {
