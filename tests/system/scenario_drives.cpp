@@ -38,9 +38,8 @@ bool Check(bool passed, const char* what, const char* whyFormat, ...) {
   return passed;
 }
 
-// tools/vm's drives with the disc: a CD drive on virtio_scsi (host 0), a
-// DVD drive on ata_piix (host 2). Without IDE adapters the
-// ASPI adapter number is the Linux host number.
+// tools/vm's drives with the disc: a CD drive on virtio_scsi (host 0), a DVD drive on
+// ata_piix (host 2). Without IDE adapters the ASPI adapter number is the Linux host number.
 struct Drive { int host, target; char generic[32], block[32]; };  // the nodes: /dev/sgN, /dev/srN
 Drive scsi{0, 0, "", ""}, atapi{2, 0, "", ""};
 
