@@ -1,6 +1,5 @@
-// A C++ application built only against the installed headers, using the
-// exported classes as ASPI programs do: its own event for SRB_EVENT_NOTIFY,
-// the string class, a bounded function.
+// A C++ application built only against the installed headers, using the exported classes
+// as ASPI programs do: its own event for SRB_EVENT_NOTIFY, the string class, a bounded function.
 #include <stdio.h>
 #include <string.h>
 
@@ -9,10 +8,8 @@
 int main() {
   CPosixEvent done(0, 0);
   SRB_ExecSCSICmd request = {};
-  request.SRB_Cmd = SC_EXEC_SCSI_CMD;
-  request.SRB_HaId = 200;  // no such adapter
-  request.SRB_Flags = SRB_EVENT_NOTIFY;
-  request.SRB_CDBLen = 6;  // TEST UNIT READY
+  request.SRB_Cmd = SC_EXEC_SCSI_CMD, request.SRB_HaId = 200;     // no such adapter
+  request.SRB_Flags = SRB_EVENT_NOTIFY, request.SRB_CDBLen = 6;  // TEST UNIT READY
   request.SRB_PostProc = &done;
   CBasicString<char> deviceKey;
   deviceKey.Format("h%02dc%02dt%02dd%02d", 3, 0, 1, 0);

@@ -1,6 +1,5 @@
-# The system tests' job in the guest: every scenario program, each with a
-# time limit; one that dies or hangs without a "not ok" line gets one.
-# tests/system/run counts the lines.
+# In the guest: every scenario program with a time limit; one that dies or
+# hangs without a "not ok" line gets one. tests/system/run counts the lines.
 for program in /opt/kavo/bin/scenario-*; do
   echo "# ${program##*/}"
   timeout 180 "$program" > /tmp/out 2>&1
