@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "device/registry_internal.h"
-#include "discovery/init_internal.h"
 #include "runtime/os.h"
 
 SCSI_DevicesMap DevicesMap;
@@ -65,14 +64,14 @@ bool IsFree(CPosixMutex* lock) {
 
 // The registry's records are freed at unload, so that leak checkers see a
 // clean process. Defined after the maps and locks of this file, so it is
-// destroyed before them. A still-running monitor is stopped first. The
+// destroyed before them. The monitor thread is already gone by then: it is
+// joined by a teardown object made at its start, destroyed before this. The
 // registry lock is only tried: a thread left blocked inside the library must
 // not stall the exit, and its records are then left alone. Descriptors of
 // drives still held are not closed: the process is ending anyway.
 class RegistryFreedAtUnload {
  public:
   ~RegistryFreedAtUnload() {
-    SCSI_StopMonitor();
     if (DevicesMapLock.Lock(0) != 1) return;
     for (const auto& entry : DevicesMap) SCSI_DeleteDeviceProperties(entry.second);
     DevicesMap.clear();

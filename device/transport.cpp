@@ -20,30 +20,24 @@ int DefaultCommandLength(int opcode) { return kGroupCommandLength[(opcode >> 5) 
 // A signal that interrupts the call before it moved anything is not an
 // answer: the request was not taken, or the reply is still queued on the
 // descriptor, where the next request would read it as its own.
-ssize_t WriteUninterrupted(int fd, const void* buffer, size_t count) {
-  ssize_t written;
-  do written = kavo::os::Write(fd, buffer, count);
-  while (written < 0 && errno == EINTR);
-  return written;
-}
-
-ssize_t ReadUninterrupted(int fd, void* buffer, size_t count) {
-  ssize_t received;
-  do received = kavo::os::Read(fd, buffer, count);
-  while (received < 0 && errno == EINTR);
-  return received;
+template <typename Transfer>
+ssize_t RetryWhileInterrupted(Transfer transfer) {
+  ssize_t moved;
+  do moved = transfer();
+  while (moved < 0 && errno == EINTR);
+  return moved;
 }
 
 }  // namespace
 
 int SCSI_LinuxDeviceIo(int fd, sg_header* request, unsigned int requestLength, sg_header* reply,
                        unsigned int replyLength, unsigned int* bytesRead) {
-  ssize_t written = WriteUninterrupted(fd, request, requestLength);
+  ssize_t written = RetryWhileInterrupted([&] { return kavo::os::Write(fd, request, requestLength); });
   if (written < 0 || static_cast<size_t>(written) != requestLength) {
     *bytesRead = 0;
     return 0;
   }
-  ssize_t received = ReadUninterrupted(fd, reply, replyLength);
+  ssize_t received = RetryWhileInterrupted([&] { return kavo::os::Read(fd, reply, replyLength); });
   *bytesRead = static_cast<unsigned int>(received);
   return received >= 0 && static_cast<size_t>(received) == replyLength ? 1 : 0;
 }
