@@ -133,7 +133,7 @@ TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
     const char* result;
     unsigned char flagsAfter;
   } rows[] = {
-      {kScsi, 5, 6, 36, true, "82 AA AA", SRB_DIR_IN},  // unknown target; INQUIRY still corrected
+      {1, 5, 6, 36, true, "82 AA AA", SRB_DIR_IN},      // unknown target past the IDE adapter; INQUIRY still corrected
       {kIde, 3, 6, 36, true, "82 AA AA", 0},            // no corrections on the IDE path
       {kScsi, 4, 17, 36, true, "E0 AA AA", SRB_DIR_IN},
       {kScsi, 4, 6, 0xFFFFFFF0u, true, "E0 AA AA", SRB_DIR_IN},
