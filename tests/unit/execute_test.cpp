@@ -1,7 +1,8 @@
 // Execute requests through the real command path against emulated drives:
 // refusals, driver faults, target status and sense, direction fixes, an
 // older driver's command lengths and the IDE packet, none of which a real
-// drive can be made to show on demand.
+// drive can be made to show on demand; then requests racing holds,
+// rebuilds and each other, alone or queued on a device's worker.
 #include <linux/cdrom.h>
 #include <stdio.h>
 #include <string.h>
@@ -10,8 +11,11 @@
 #include <thread>
 
 #include "aspi/execute_internal.h"
+#include "aspi/worker_internal.h"
 #include "device/registry_internal.h"
+#include "discovery/init_internal.h"
 #include "gtest/gtest.h"
+#include "runtime/thread.h"
 #include "tests/fixture/emulated_drive.h"
 
 namespace {
@@ -19,9 +23,24 @@ namespace {
 using fixture::EmulatedDrive;
 using Fault = EmulatedDrive::Fault;
 using Cdb = std::vector<unsigned char>;
-const unsigned char kIde = 0, kScsi = 1, kX = 0xAA;  // kX: what the library must leave alone
+// The "drives" machine: hdc on adapter 0, an emulated host's sg0 on adapter 1, sg1 at target 4 of adapter 3.
+const unsigned char kIde = 0, kScsi = 3, kX = 0xAA;  // kX: what the library must leave alone
 const Cdb kInquiry = {0x12, 0, 0, 0, 36, 0}, kTur = {0, 0, 0, 0, 0, 0};
-const Cdb kReportKey = {0xA4, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
+const Cdb kReportKey = {0xA4, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0}, kSendKey = {0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
+using PostProc = void (*)(SRB_ExecSCSICmd*);
+
+// A posting block for the drive at adapter (target 4 on adapter 3, else 0).
+void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsigned char flags, PostProc post) {
+  srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
+  srb.SRB_HaId = adapter;
+  srb.SRB_Target = adapter == kScsi ? 4 : 0;
+  srb.SRB_Lun = 0;
+  srb.SRB_Flags = flags | SRB_POSTING;
+  srb.SRB_PostProc = reinterpret_cast<void*>(post);
+  srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
+  memset(srb.CDBByte, 0, sizeof srb.CDBByte);
+  memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
+}
 
 struct Block {  // a block with room for sense beyond its own 16 bytes
   SRB_ExecSCSICmd srb;
@@ -42,32 +61,24 @@ void RecordPost(SRB_ExecSCSICmd* srb) {
 class ExecuteTest : public ::testing::Test {
  protected:
   ExecuteTest() : scope_(world_) {
-    ide_ = fixture::PlaceIdeDrive(world_, "/dev/hdc");
-    sg_ = fixture::PlaceSgDrive(world_, "/dev/sg0", 0, 0, 1, 0);
-    IdeAdapterCount = 1;
-    SCSI_RegisterAdapter(kScsi, "sym53c8xx", 0);
-    fixture::RegisterTestDevice(kIde, 0, 0, 0, "/dev/hdc");
-    fixture::RegisterTestDevice(kScsi, 0, 1, 0, "/dev/sg0");
+    world_.Load("drives");
+    world_.AddFile("/etc/mtab", "");
+    IsKernel26 = 1;
+    SCSI_BuildRegistry();
+    ide_ = std::static_pointer_cast<fixture::IdeNode>(world_.Node("/dev/hdc"));
+    sg_ = std::static_pointer_cast<fixture::SgNode>(world_.Node("/dev/sg1"));
     memset(data_, kX, sizeof data_);
     g_world = &world_;
   }
-  // A posting block for target 1 (the IDE drive's target is 0); all else the library may not write is kX.
+  ~ExecuteTest() override { IsKernel26 = 0; }
+  // A block whose every byte the library may not write is kX.
   SRB_ExecSCSICmd& Make(unsigned char adapter, const Cdb& cdb, unsigned char flags, unsigned char senseLen = 0) {
     memset(&block_, kX, sizeof block_);
-    SRB_ExecSCSICmd& srb = block_.srb;
-    srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
-    srb.SRB_HaId = adapter;
-    srb.SRB_Flags = flags | SRB_POSTING;
-    srb.SRB_Target = adapter == kScsi;
-    srb.SRB_Lun = 0;
-    srb.SRB_SenseLen = senseLen;
-    srb.SRB_BufLen = 8;
-    srb.SRB_BufPointer = data_;
-    srb.SRB_PostProc = reinterpret_cast<void*>(&RecordPost);
-    srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
-    memset(srb.CDBByte, 0, sizeof srb.CDBByte);
-    memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
-    return srb;
+    Address(block_.srb, adapter, cdb, flags, &RecordPost);
+    block_.srb.SRB_SenseLen = senseLen;
+    block_.srb.SRB_BufLen = 8;
+    block_.srb.SRB_BufPointer = data_;
+    return block_.srb;
   }
   // Runs the block: posted once, with its final status, after its descriptor is closed.
   std::string Run() {
@@ -94,7 +105,7 @@ class ExecuteTest : public ::testing::Test {
 TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   std::atomic<int> step(0);
   std::thread holder([&step] {
-    CPosixMutex* lock = SCSI_LockDeviceLock(kScsi, 0, 1, 0);
+    CPosixMutex* lock = SCSI_LockDeviceLock(kScsi, 0, 4, 0);
     step = 1;
     while (step != 2) std::this_thread::yield();
     SCSI_UnlockDeviceLock(lock);
@@ -102,7 +113,7 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   while (step != 1) std::this_thread::yield();
   sg_->onOpen = [] {
     DevicesMapHold hold;
-    auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsi, 0, 1, 0));
+    auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsi, 0, 4, 0));
     SCSI_DeleteDeviceProperties(found->second);
     DevicesMap.erase(found);
   };
@@ -122,11 +133,11 @@ TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
     const char* result;
     unsigned char flagsAfter;
   } rows[] = {
-      {kScsi, 5, 6, 36, true, "82 AA AA", SRB_DIR_IN},  // unknown target; INQUIRY still corrected
+      {1, 5, 6, 36, true, "82 AA AA", SRB_DIR_IN},      // unknown target past the IDE adapter; INQUIRY still corrected
       {kIde, 3, 6, 36, true, "82 AA AA", 0},            // no corrections on the IDE path
-      {kScsi, 1, 17, 36, true, "E0 AA AA", SRB_DIR_IN},
-      {kScsi, 1, 6, 0xFFFFFFF0u, true, "E0 AA AA", SRB_DIR_IN},
-      {kScsi, 1, 6, 36, false, "E0 AA AA", SRB_DIR_IN},
+      {kScsi, 4, 17, 36, true, "E0 AA AA", SRB_DIR_IN},
+      {kScsi, 4, 6, 0xFFFFFFF0u, true, "E0 AA AA", SRB_DIR_IN},
+      {kScsi, 4, 6, 36, false, "E0 AA AA", SRB_DIR_IN},
       {kIde, 0, 13, 0, true, "80 AA AA", 0},  // the packet holds 12 bytes
   };
   for (const auto& row : rows) {
@@ -142,9 +153,10 @@ TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
   EXPECT_TRUE(sg_->drive().Commands().empty() && ide_->drive().Commands().empty() && DataUntouched());
 }
 
-// Driver faults leave the result fields, sense and data alone. The sense
-// key decides the target status; at most 16 sense bytes come back, as many
-// as asked for; without sense asked for, what the caller left is judged.
+// Driver faults leave the result fields, sense and data alone; an
+// interrupted read is read again. The sense key decides the target status;
+// at most 16 sense bytes come back, as many as asked for; without sense
+// asked for, what the caller left is judged.
 TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
   const int kNoSense = 0xFF;
   const struct {
@@ -159,9 +171,11 @@ TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
       {Fault::ShortRead, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
       {Fault::DriverBusy, 0, kNoSense, kInquiry, 14, kX, kX, "E5 AA AA"},
       {Fault::DriverError, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
+      {Fault::InterruptedRead, 0, kNoSense, kTur, 14, kX, kX, "01 00 00"},
       {Fault::None, 0x02, 0x00, kTur, 14, kX, kX, "01 00 00"},       // nothing to report
       {Fault::None, 0x02, 0x06, kTur, 32, kX, kX, "04 00 06"},       // UNIT ATTENTION
-      {Fault::None, 0x02, 0x05, kReportKey, 14, kX, kX, "01 00 00"},  // REPORT KEY completes anyway
+      {Fault::None, 0x02, 0x05, kReportKey, 14, kX, kX, "01 00 00"},  // the key commands complete anyway
+      {Fault::None, 0x02, 0x05, kSendKey, 14, kX, kX, "01 00 00"},
       {Fault::None, 0x02, 0x02, kTur, 0, 0x00, kX, "04 00 02"},       // the status byte itself
       {Fault::None, 0x28, kNoSense, kTur, 0, 0x00, kX, "04 00 28"},   // TASK SET FULL
       {Fault::None, 0x00, kNoSense, kTur, 0, 0xF0, 0x02, "04 00 02"},  // good, but the caller's sense says NOT READY
@@ -174,7 +188,7 @@ TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
     srb.SenseArea[0] = row.left0;
     srb.SenseArea[2] = row.left2;
     EXPECT_EQ(row.result, Run());
-    if (row.fault != Fault::None) {
+    if (row.fault != Fault::None && row.fault != Fault::InterruptedRead) {
       EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
     }
     if (row.key == kNoSense || row.senseLen == 0) continue;
@@ -186,8 +200,10 @@ TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
 }
 
 // The packet carries 12 command bytes (all 12 for length 0) and a 64-byte
-// sense buffer whose length byte and copied bytes follow SRB_SenseLen.
+// sense buffer whose length byte and copied bytes follow SRB_SenseLen. The
+// path follows the registered node, whatever the IDE adapter count says.
 TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
+  IdeAdapterCount = 0;
   Make(kIde, kInquiry, SRB_DIR_IN).SRB_CDBLen = 0;
   block_.srb.CDBByte[11] = 0x5C;
   EXPECT_EQ("01 00 AA", Run());
@@ -220,7 +236,7 @@ TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
       {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, SRB_DIR_IN, 8, 0},
       {kReportKey, SRB_DIR_IN, 8, 0},
       {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, SRB_DIR_IN, 8, 0},
-      {{0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0}, SRB_DIR_OUT, 0, 8},
+      {kSendKey, SRB_DIR_OUT, 0, 8},
       {{0x88, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0}, 0, 0, 0},
       {{0x28, 0, 0, 0, 0, 1, 0}, 0, 0, 0},
   };
@@ -233,6 +249,97 @@ TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
     EXPECT_EQ(row.in, command.dataInLength);
     EXPECT_EQ(row.out, command.dataOut.size());
   }
+}
+
+struct Request {
+  SRB_ExecSCSICmd srb;  // first: the completion finds its request from the block
+  int posts;
+};
+void CountPost(SRB_ExecSCSICmd* srb) { ++reinterpret_cast<Request*>(srb)->posts; }
+// Ends the worker that runs it, the way an application can stop one.
+void PostAndStop(SRB_ExecSCSICmd* srb) {
+  CountPost(srb);
+  CThread::EndThread(0);
+}
+
+// A READ(10) of bufLen bytes at lba.
+void Fill(Request& request, unsigned char adapter, unsigned int lba, unsigned int bufLen, unsigned char* data) {
+  memset(&request, 0, sizeof request);
+  const Cdb read = {0x28, 0, static_cast<unsigned char>(lba >> 24), static_cast<unsigned char>(lba >> 16),
+                    static_cast<unsigned char>(lba >> 8), static_cast<unsigned char>(lba), 0, 0,
+                    static_cast<unsigned char>(bufLen / EmulatedDrive::kBlockSize), 0};
+  Address(request.srb, adapter, read, bufLen != 0 ? SRB_DIR_IN : 0, &CountPost);
+  request.srb.SRB_BufLen = bufLen;
+  request.srb.SRB_BufPointer = data;
+}
+unsigned int LbaOf(const fixture::DriveCommand& command) {
+  return command.cdb[2] << 24 | command.cdb[3] << 16 | command.cdb[4] << 8 | command.cdb[5];
+}
+
+// Requests, their thread and number as LBA, while a drive is taken and released
+// and the registry rebuilt: one that used a held drive's descriptor number
+// after an unset closed it would write to whatever drive got it next.
+TEST_F(ExecuteTest, EachReachesItsOwnDriveWhileHoldsAndRebuildsComeAndGo) {
+  const unsigned char adapters[] = {1, 1, 1, 3, 3, 0};
+  const int kThreads = 6, kRequests = 4000;
+  std::vector<Request> requests(kThreads * kRequests);
+  std::atomic<bool> done(false);
+  std::thread holder([&] {
+    while (!done)
+      if (ASPI_setExclusiveMode(1, 0) == 0) ASPI_unsetExclusiveMode(1, 0);
+  });
+  std::thread rebuilder([&] {
+    while (!done) {
+      SCSI_BuildRegistry();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t] {
+      std::vector<unsigned char> buffer(32 * EmulatedDrive::kBlockSize);
+      for (int seq = 0; seq < kRequests; ++seq) {
+        Fill(requests[t * kRequests + seq], adapters[t], (t + 1) << 16 | seq, buffer.size(), buffer.data());
+        ASPI_ExecuteSRB(&requests[t * kRequests + seq].srb);
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  done = true;
+  rebuilder.join();
+  holder.join();
+  int wrong = 0;  // posted other than once, or sent to another thread's drive
+  for (const Request& each : requests) wrong += each.posts != 1;
+  for (unsigned char adapter : {0, 1, 3}) {
+    const char* node = adapter == 0 ? "/dev/hdc" : adapter == 1 ? "/dev/sg0" : "/dev/sg1";
+    for (const fixture::DriveCommand& command : fixture::DriveAt(world_, node).Commands())
+      wrong += LbaOf(command) >> 16 != 0 && adapters[(LbaOf(command) >> 16) - 1] != adapter;
+  }
+  EXPECT_EQ(0, wrong);
+}
+
+TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
+  Request queued[3];
+  for (int i = 0; i < 3; ++i) Fill(queued[i], kScsi, i + 1, 0, nullptr);
+  queued[2].srb.SRB_PostProc = reinterpret_cast<void*>(&PostAndStop);
+  ASPI_DEVICE_INFO* meanwhile = nullptr;  // opened again while the first open is under way
+  bool again = true;
+  sg_->onOpen = [&] {
+    if (!again) return;
+    again = false;
+    meanwhile = ASPI_OpenDevice(&queued[1].srb);
+  };
+  ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&queued[0].srb);
+  ASSERT_TRUE(record != nullptr && record == meanwhile && record == ASPI_OpenDevice(&queued[2].srb));
+  EXPECT_TRUE(AspiDeviceList.size() == 1 && world_.OpenDescriptorCount() == 1);
+  CThread* worker = CThreadingBeginThread(ASPI_ThreadFunction, record, 0, 0, 0);
+  record->QueueLock->Lock(0xFFFFFFFF);
+  record->Queue->push_back(nullptr);
+  for (Request& request : queued) record->Queue->push_back(&request.srb);
+  record->QueueLock->Unlock();
+  delete worker;  // waits for the worker's end
+  const std::vector<fixture::DriveCommand> ran = sg_->drive().Commands();
+  ASSERT_EQ(3u, ran.size());
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(LbaOf(ran[i]) == i + 1u && queued[i].posts == 1) << i;
 }
 
 }  // namespace
