@@ -196,6 +196,20 @@ static unsigned char execute_in(const Address* address, const unsigned char* cdb
   return srb->SRB_Status;
 }
 
+/* The device's peripheral type as ASPI reports it, or SS_NO_DEVICE when
+ * there is no device: what an ASPI scanner asks before any INQUIRY. */
+static unsigned char get_device_type(const Address* address, unsigned char* type) {
+  SRB_GDEVBlock srb;
+  memset(&srb, 0, sizeof srb);
+  srb.SRB_Cmd = SC_GET_DEV_TYPE;
+  srb.SRB_HaId = address->adapter;
+  srb.SRB_Target = address->target;
+  srb.SRB_Lun = address->lun;
+  SendASPI32Command(&srb);
+  *type = srb.SRB_DeviceType;
+  return srb.SRB_Status;
+}
+
 static unsigned char inquire_device(const Address* address, unsigned char* data, SRB_ExecSCSICmd* srb) {
   const unsigned char cdb[6] = {0x12, 0, 0, 0, INQUIRY_LENGTH, 0};
   return execute_in(address, cdb, sizeof cdb, data, INQUIRY_LENGTH, srb);
@@ -221,13 +235,13 @@ static unsigned long be32(const unsigned char* bytes) {
   return ((unsigned long)bytes[0] << 24) | ((unsigned long)bytes[1] << 16) | ((unsigned long)bytes[2] << 8) | bytes[3];
 }
 
-static void print_device_line(FILE* out, const Address* address, const unsigned char* data) {
+static void print_device_line(FILE* out, const Address* address, unsigned char type, const unsigned char* data) {
   char vendor[9], product[17], revision[5];
   copy_text(vendor, data + 8, 8);
   copy_text(product, data + 16, 16);
   copy_text(revision, data + 32, 4);
   fprintf(out, "  %u:%u:%u  %-14s  %-8s  %-16s  %s\n", address->adapter, address->target, address->lun,
-          peripheral_type_words(data[0] & 0x1F), vendor, product, revision);
+          peripheral_type_words(type), vendor, product, revision);
 }
 
 /* ---- Commands ---- */
@@ -238,14 +252,16 @@ static int scan_adapter(int adapter, int targets, FILE* out) {
   for (int target = 0; target < targets; ++target) {
     for (int lun = 0; lun < LUNS_PER_TARGET; ++lun) {
       const Address address = {(unsigned char)adapter, (unsigned char)target, (unsigned char)lun};
-      unsigned char data[INQUIRY_LENGTH];
+      unsigned char type, data[INQUIRY_LENGTH];
       SRB_ExecSCSICmd srb;
+      const unsigned char typeStatus = get_device_type(&address, &type);
+      if (typeStatus == SS_NO_DEVICE) continue;
       const unsigned char status = inquire_device(&address, data, &srb);
-      if (status == SS_NO_DEVICE) continue;
+      if (status == SS_NO_DEVICE) continue; /* gone meanwhile */
       if (status == SS_COMP && (data[0] >> 5) == 3) continue; /* qualifier 3: no unit at this LUN */
       ++found;
       if (status == SS_COMP) {
-        print_device_line(out, &address, data);
+        print_device_line(out, &address, typeStatus == SS_COMP ? type : 0x1F, data); /* 0x1F: unknown type */
       } else {
         fprintf(out, "  %u:%u:%u  INQUIRY failed: ", address.adapter, address.target, address.lun);
         aspitool_describe_failure(out, &srb);
@@ -464,8 +480,8 @@ static int run_watch(char** arguments, int count, FILE* out, FILE* err) {
 static const Command commands[] = {
     {"scan", "",
      "Lists every host adapter the library reports, with its number and name,\n"
-     "and every device at each adapter, target and LUN with its type, vendor,\n"
-     "product and revision from INQUIRY.", 0, 0, run_scan},
+     "and every device at each adapter, target and LUN with its type (GET DEVICE\n"
+     "TYPE) and its vendor, product and revision (INQUIRY).", 0, 0, run_scan},
     {"inquiry", "A:T:L", "Shows the INQUIRY data of the device at adapter A, target T, LUN L.", 1, 1, run_inquiry},
     {"toc", "A:T:L",
      "Shows the table of contents of the disc in the drive at A:T:L (READ TOC,\n"
