@@ -64,23 +64,16 @@ bool IsDisc(const unsigned char* data, unsigned lba) {
   return pread(image, expected, 2048, off_t(lba) * 2048) == 2048 && memcmp(data, expected, 2048) == 0;
 }
 
-SRB_ExecSCSICmd Request(const Drive& drive, unsigned char flags, unsigned char* buffer, unsigned length,
-                        const unsigned char* cdb, unsigned char cdbLength) {
+SRB_ExecSCSICmd Read10(const Drive& drive, unsigned lba, unsigned char* sector, unsigned char flags) {
   SRB_ExecSCSICmd srb = {};
   srb.SRB_Cmd = SC_EXEC_SCSI_CMD, srb.SRB_HaId = drive.host, srb.SRB_Target = drive.target, srb.SRB_Flags = flags;
-  srb.SRB_BufPointer = buffer, srb.SRB_BufLen = length, srb.SRB_SenseLen = 14, srb.SRB_CDBLen = cdbLength;
-  memcpy(srb.CDBByte, cdb, cdbLength);
+  srb.SRB_BufPointer = sector, srb.SRB_BufLen = 2048, srb.SRB_SenseLen = 14, srb.SRB_CDBLen = 10;
+  srb.CDBByte[0] = 0x28, srb.CDBByte[8] = 1;  // one block
+  for (int byte = 0; byte < 4; ++byte) srb.CDBByte[2 + byte] = static_cast<unsigned char>(lba >> (24 - 8 * byte));
   return srb;
 }
 
-SRB_ExecSCSICmd Read10(const Drive& drive, unsigned lba, unsigned char* sector, unsigned char flags) {
-  unsigned char cdb[10] = {0x28, 0, 0, 0, 0, 0, 0, 0, 1};
-  for (int byte = 0; byte < 4; ++byte) cdb[2 + byte] = static_cast<unsigned char>(lba >> (24 - 8 * byte));
-  return Request(drive, flags, sector, 2048, cdb, 10);
-}
-
-// A read of the sector at lba that completes with other data, or that
-// fails when it must complete.
+// A read of lba's sector that completes with other data, or fails when it must complete.
 int WrongRead(const Drive& drive, unsigned lba, bool mustComplete) {
   unsigned char got[2048];
   SRB_ExecSCSICmd srb = Read10(drive, lba, got, SRB_DIR_IN);
@@ -132,8 +125,8 @@ int Run(const Drive& drive, Action action, const Drive& other) {
 }
 
 int ShortCommandOnAHeldDrive() {
-  const unsigned char cdb[5] = {0x28};
-  SRB_ExecSCSICmd srb = Request(scsi, 0, nullptr, 0, cdb, 5);
+  SRB_ExecSCSICmd srb = Read10(scsi, 0, nullptr, 0);
+  srb.SRB_BufLen = 0, srb.SRB_CDBLen = 5;  // READ(10)'s opcode in a 5-byte command, which is rejected
   const int held = ASPI_setExclusiveMode(scsi.host, scsi.target);
   SendASPI32Command(&srb);
   return (held != 0) + WrongRead(scsi, dataLba, true) + (ASPI_unsetExclusiveMode(scsi.host, scsi.target) != 0);
