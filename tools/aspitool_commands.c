@@ -13,6 +13,7 @@
 #define TOC_LENGTH 804u /* header and 100 descriptors: the most a disc has */
 #define LUNS_PER_TARGET 8
 #define SENSE_LENGTH 16
+#define UNIT_ATTENTION_RETRIES 3
 
 typedef struct {
   unsigned char adapter, target, lun;
@@ -63,6 +64,7 @@ static const char* additional_sense_words(unsigned char asc, unsigned char ascq)
     case 0x29: return "power on or reset";
     case 0x30: return "incompatible medium";
     case 0x3A: return "medium not present";
+    case 0x3F: return ascq == 0x0E ? "reported LUNs data has changed" : NULL;
     case 0x64: return "illegal mode for this track";
     case 0x6F: return "copy protection key exchange failure";
     default: return NULL;
@@ -100,6 +102,11 @@ static const char* peripheral_type_words(unsigned type) {
   }
 }
 
+/* Sense in the fixed format, whose key and codes are read here. */
+static int is_fixed_sense(const unsigned char* sense) {
+  return (sense[0] & 0x7F) == 0x70 || (sense[0] & 0x7F) == 0x71;
+}
+
 void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb) {
   const unsigned char* sense = srb->SenseArea;
   fprintf(err, "ASPI status 0x%02X (%s)", srb->SRB_Status, status_words(srb->SRB_Status));
@@ -107,8 +114,7 @@ void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb) {
     fputc('\n', err);
     return;
   }
-  const unsigned responseCode = sense[0] & 0x7F;
-  if (responseCode == 0x70 || responseCode == 0x71) {
+  if (is_fixed_sense(sense)) {
     const char* words = additional_sense_words(sense[12], sense[13]);
     fprintf(err, ", sense key 0x%X (%s), ASC/ASCQ %02X/%02X", sense[2] & 0x0F, sense_key_words(sense[2]), sense[12],
             sense[13]);
@@ -177,23 +183,31 @@ static void inquire_adapter(int adapter, SRB_HAInquiry* inquiry) {
   SendASPI32Command(inquiry);
 }
 
-/* Runs one command with data in; the request has completed on return. */
+static int is_unit_attention(const SRB_ExecSCSICmd* srb) {
+  return srb->SRB_Status == SS_ERR && is_fixed_sense(srb->SenseArea) && (srb->SenseArea[2] & 0x0F) == 0x06;
+}
+
+/* Runs one command with data in; the request has completed on return. A
+ * UNIT ATTENTION (a reset, a changed medium or LUN inventory, told once)
+ * means the drive did not carry the command out: it is sent again. */
 static unsigned char execute_in(const Address* address, const unsigned char* cdb, unsigned char cdbLength,
                                 unsigned char* buffer, unsigned int length, SRB_ExecSCSICmd* srb) {
-  memset(srb, 0, sizeof *srb);
-  memset(buffer, 0, length);
-  srb->SRB_Cmd = SC_EXEC_SCSI_CMD;
-  srb->SRB_HaId = address->adapter;
-  srb->SRB_Target = address->target;
-  srb->SRB_Lun = address->lun;
-  srb->SRB_Flags = SRB_DIR_IN;
-  srb->SRB_BufLen = length;
-  srb->SRB_BufPointer = buffer;
-  srb->SRB_SenseLen = SENSE_LENGTH;
-  srb->SRB_CDBLen = cdbLength;
-  memcpy(srb->CDBByte, cdb, cdbLength);
-  SendASPI32Command(srb);
-  return srb->SRB_Status;
+  for (int attempt = 0;; ++attempt) {
+    memset(srb, 0, sizeof *srb);
+    memset(buffer, 0, length);
+    srb->SRB_Cmd = SC_EXEC_SCSI_CMD;
+    srb->SRB_HaId = address->adapter;
+    srb->SRB_Target = address->target;
+    srb->SRB_Lun = address->lun;
+    srb->SRB_Flags = SRB_DIR_IN;
+    srb->SRB_BufLen = length;
+    srb->SRB_BufPointer = buffer;
+    srb->SRB_SenseLen = SENSE_LENGTH;
+    srb->SRB_CDBLen = cdbLength;
+    memcpy(srb->CDBByte, cdb, cdbLength);
+    SendASPI32Command(srb);
+    if (!is_unit_attention(srb) || attempt == UNIT_ATTENTION_RETRIES) return srb->SRB_Status;
+  }
 }
 
 /* The device's peripheral type as ASPI reports it, or SS_NO_DEVICE when
