@@ -1,6 +1,5 @@
-// The VM's real drives through the library: each drive's steps with a really mounted
-// disc, races with holds and other programs, per-device workers. Reads, TOC, sense
-// texts, INQUIRY versions, device types and hot-plug are scenario-aspitool's rows.
+// The VM's real drives through the library: each drive's steps with a really mounted disc,
+// races with holds and other programs, per-device workers. The rest is scenario-aspitool's.
 #include <errno.h>
 #include <fcntl.h>
 #include <glob.h>
@@ -132,9 +131,8 @@ int ShortCommandOnAHeldDrive() {
   return (held != 0) + WrongRead(scsi, dataLba, true) + (ASPI_unsetExclusiveMode(scsi.host, scsi.target) != 0);
 }
 
-// Another program holds the DVD drive: the generic driver would make an
-// open without O_NONBLOCK wait for it. It lets go on its own after 5 s, so
-// that a library that waits shows as a request that completes late.
+// Another program holds the DVD drive, for which the generic driver makes an open without
+// O_NONBLOCK wait. It lets go after 5 s: a library that waits shows as a late completion.
 int ADriveAnotherProgramHolds() {
   int ready[2];
   if (pipe(ready) != 0) return 1;
