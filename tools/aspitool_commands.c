@@ -13,6 +13,7 @@
 #define TOC_LENGTH 804u /* header and 100 descriptors: the most a disc has */
 #define LUNS_PER_TARGET 8
 #define SENSE_LENGTH 16
+#define UNIT_ATTENTION_RETRIES 3
 
 typedef struct {
   unsigned char adapter, target, lun;
@@ -63,6 +64,7 @@ static const char* additional_sense_words(unsigned char asc, unsigned char ascq)
     case 0x29: return "power on or reset";
     case 0x30: return "incompatible medium";
     case 0x3A: return "medium not present";
+    case 0x3F: return ascq == 0x0E ? "reported LUNs data has changed" : NULL;
     case 0x64: return "illegal mode for this track";
     case 0x6F: return "copy protection key exchange failure";
     default: return NULL;
@@ -100,6 +102,11 @@ static const char* peripheral_type_words(unsigned type) {
   }
 }
 
+/* Sense in the fixed format, whose key and codes are read here. */
+static int is_fixed_sense(const unsigned char* sense) {
+  return (sense[0] & 0x7F) == 0x70 || (sense[0] & 0x7F) == 0x71;
+}
+
 void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb) {
   const unsigned char* sense = srb->SenseArea;
   fprintf(err, "ASPI status 0x%02X (%s)", srb->SRB_Status, status_words(srb->SRB_Status));
@@ -107,8 +114,7 @@ void aspitool_describe_failure(FILE* err, const SRB_ExecSCSICmd* srb) {
     fputc('\n', err);
     return;
   }
-  const unsigned responseCode = sense[0] & 0x7F;
-  if (responseCode == 0x70 || responseCode == 0x71) {
+  if (is_fixed_sense(sense)) {
     const char* words = additional_sense_words(sense[12], sense[13]);
     fprintf(err, ", sense key 0x%X (%s), ASC/ASCQ %02X/%02X", sense[2] & 0x0F, sense_key_words(sense[2]), sense[12],
             sense[13]);
@@ -177,23 +183,45 @@ static void inquire_adapter(int adapter, SRB_HAInquiry* inquiry) {
   SendASPI32Command(inquiry);
 }
 
-/* Runs one command with data in; the request has completed on return. */
+static int is_unit_attention(const SRB_ExecSCSICmd* srb) {
+  return srb->SRB_Status == SS_ERR && is_fixed_sense(srb->SenseArea) && (srb->SenseArea[2] & 0x0F) == 0x06;
+}
+
+/* Runs one command with data in; the request has completed on return. A
+ * UNIT ATTENTION (a reset, a changed medium or LUN inventory, told once)
+ * means the drive did not carry the command out: it is sent again. */
 static unsigned char execute_in(const Address* address, const unsigned char* cdb, unsigned char cdbLength,
                                 unsigned char* buffer, unsigned int length, SRB_ExecSCSICmd* srb) {
-  memset(srb, 0, sizeof *srb);
-  memset(buffer, 0, length);
-  srb->SRB_Cmd = SC_EXEC_SCSI_CMD;
-  srb->SRB_HaId = address->adapter;
-  srb->SRB_Target = address->target;
-  srb->SRB_Lun = address->lun;
-  srb->SRB_Flags = SRB_DIR_IN;
-  srb->SRB_BufLen = length;
-  srb->SRB_BufPointer = buffer;
-  srb->SRB_SenseLen = SENSE_LENGTH;
-  srb->SRB_CDBLen = cdbLength;
-  memcpy(srb->CDBByte, cdb, cdbLength);
-  SendASPI32Command(srb);
-  return srb->SRB_Status;
+  for (int attempt = 0;; ++attempt) {
+    memset(srb, 0, sizeof *srb);
+    memset(buffer, 0, length);
+    srb->SRB_Cmd = SC_EXEC_SCSI_CMD;
+    srb->SRB_HaId = address->adapter;
+    srb->SRB_Target = address->target;
+    srb->SRB_Lun = address->lun;
+    srb->SRB_Flags = SRB_DIR_IN;
+    srb->SRB_BufLen = length;
+    srb->SRB_BufPointer = buffer;
+    srb->SRB_SenseLen = SENSE_LENGTH;
+    srb->SRB_CDBLen = cdbLength;
+    memcpy(srb->CDBByte, cdb, cdbLength);
+    SendASPI32Command(srb);
+    if (!is_unit_attention(srb) || attempt == UNIT_ATTENTION_RETRIES) return srb->SRB_Status;
+  }
+}
+
+/* The device's peripheral type as ASPI reports it, or SS_NO_DEVICE when
+ * there is no device: what an ASPI scanner asks before any INQUIRY. */
+static unsigned char get_device_type(const Address* address, unsigned char* type) {
+  SRB_GDEVBlock srb;
+  memset(&srb, 0, sizeof srb);
+  srb.SRB_Cmd = SC_GET_DEV_TYPE;
+  srb.SRB_HaId = address->adapter;
+  srb.SRB_Target = address->target;
+  srb.SRB_Lun = address->lun;
+  SendASPI32Command(&srb);
+  *type = srb.SRB_DeviceType;
+  return srb.SRB_Status;
 }
 
 static unsigned char inquire_device(const Address* address, unsigned char* data, SRB_ExecSCSICmd* srb) {
@@ -221,13 +249,13 @@ static unsigned long be32(const unsigned char* bytes) {
   return ((unsigned long)bytes[0] << 24) | ((unsigned long)bytes[1] << 16) | ((unsigned long)bytes[2] << 8) | bytes[3];
 }
 
-static void print_device_line(FILE* out, const Address* address, const unsigned char* data) {
+static void print_device_line(FILE* out, const Address* address, unsigned char type, const unsigned char* data) {
   char vendor[9], product[17], revision[5];
   copy_text(vendor, data + 8, 8);
   copy_text(product, data + 16, 16);
   copy_text(revision, data + 32, 4);
   fprintf(out, "  %u:%u:%u  %-14s  %-8s  %-16s  %s\n", address->adapter, address->target, address->lun,
-          peripheral_type_words(data[0] & 0x1F), vendor, product, revision);
+          peripheral_type_words(type), vendor, product, revision);
 }
 
 /* ---- Commands ---- */
@@ -238,14 +266,16 @@ static int scan_adapter(int adapter, int targets, FILE* out) {
   for (int target = 0; target < targets; ++target) {
     for (int lun = 0; lun < LUNS_PER_TARGET; ++lun) {
       const Address address = {(unsigned char)adapter, (unsigned char)target, (unsigned char)lun};
-      unsigned char data[INQUIRY_LENGTH];
+      unsigned char type, data[INQUIRY_LENGTH];
       SRB_ExecSCSICmd srb;
+      const unsigned char typeStatus = get_device_type(&address, &type);
+      if (typeStatus == SS_NO_DEVICE) continue;
       const unsigned char status = inquire_device(&address, data, &srb);
-      if (status == SS_NO_DEVICE) continue;
+      if (status == SS_NO_DEVICE) continue; /* gone meanwhile */
       if (status == SS_COMP && (data[0] >> 5) == 3) continue; /* qualifier 3: no unit at this LUN */
       ++found;
       if (status == SS_COMP) {
-        print_device_line(out, &address, data);
+        print_device_line(out, &address, typeStatus == SS_COMP ? type : 0x1F, data); /* 0x1F: unknown type */
       } else {
         fprintf(out, "  %u:%u:%u  INQUIRY failed: ", address.adapter, address.target, address.lun);
         aspitool_describe_failure(out, &srb);
@@ -464,8 +494,8 @@ static int run_watch(char** arguments, int count, FILE* out, FILE* err) {
 static const Command commands[] = {
     {"scan", "",
      "Lists every host adapter the library reports, with its number and name,\n"
-     "and every device at each adapter, target and LUN with its type, vendor,\n"
-     "product and revision from INQUIRY.", 0, 0, run_scan},
+     "and every device at each adapter, target and LUN with its type (GET DEVICE\n"
+     "TYPE) and its vendor, product and revision (INQUIRY).", 0, 0, run_scan},
     {"inquiry", "A:T:L", "Shows the INQUIRY data of the device at adapter A, target T, LUN L.", 1, 1, run_inquiry},
     {"toc", "A:T:L",
      "Shows the table of contents of the disc in the drive at A:T:L (READ TOC,\n"
