@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <thread>
 
 #include "aspi/srb.h"
@@ -17,33 +16,28 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   fixture::FixtureWorld world;
   fixture::FixtureWorld::Scope scope(world);
   auto node = fixture::PlaceSgDrive(world, "/dev/sg0", 0, 0, 0, 0);
-  std::promise<void> entered, released;
-  std::shared_future<void> release = released.get_future().share();
-  std::atomic<int> opens(0);
-  node->onOpen = [&] {  // the build's first open waits in the middle of its scan
-    if (opens++ == 0) {
-      entered.set_value();
-      release.wait();
-    }
+  std::atomic<int> opens(0), buildStep(0);  // 1: the build waits in its first open, 2: it may go on
+  node->onOpen = [&] {
+    if (opens++ != 0) return;
+    buildStep = 1;
+    while (buildStep != 2) std::this_thread::yield();
   };
-  unsigned int firstResult = 0, secondResult = 0;
+  std::atomic<unsigned int> firstResult(0), secondResult(0);
   std::thread first([&] { firstResult = GetASPI32SupportInfo(); });
-  entered.get_future().wait();
-  std::atomic<bool> secondReturned(false);
+  while (buildStep != 1) std::this_thread::yield();
   std::thread second([&] {
     SRB_HAInquiry inquiry = {};
     inquiry.SRB_Cmd = SC_HA_INQUIRY;
     SendASPI32Command(&inquiry);
     secondResult = GetASPI32SupportInfo();
-    secondReturned = true;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_FALSE(secondReturned) << "the second caller must not see a half-built registry";
-  released.set_value();
+  EXPECT_EQ(0u, secondResult.load()) << "the second caller must not see a half-built registry";
+  buildStep = 2;
   first.join();
   second.join();
-  EXPECT_EQ(0x101u, firstResult);
-  EXPECT_EQ(0x101u, secondResult);
+  EXPECT_EQ(0x101u, firstResult.load());
+  EXPECT_EQ(0x101u, secondResult.load());
   EXPECT_EQ(1, opens.load()) << "the registry is built once";
   fixture::RegistryReset();
 }

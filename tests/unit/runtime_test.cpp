@@ -1,5 +1,5 @@
-// The runtime the library exports: the string class, code-page conversion
-// and the bounded CRT functions, as tables of inputs.
+// The runtime the library exports: the string class, code-page conversion,
+// the bounded CRT functions and the system's name, as tables of inputs.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -9,6 +9,8 @@
 #include "runtime/charset.h"
 #include "runtime/crt.h"
 #include "runtime/string.h"
+#include "runtime/system.h"
+#include "tests/fixture/world.h"
 
 namespace {
 
@@ -104,6 +106,19 @@ TEST(BoundedText, ResultTextAndErrnoOfEachCall) {
     EXPECT_EQ(row.result, row.call(buffer));
     EXPECT_STREQ(row.text, buffer);
     EXPECT_EQ(row.errnoAfter, errno);
+  }
+}
+
+// Each machine is a whole /etc world with the name it should give:
+// lsb-release, else the first release file that opens, else the kernel type.
+TEST(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
+  for (const char* name : {"os/lsb", "os/lsb_keys", "os/lsb_long_line", "os/lsb_long_line_cut", "os/lsb_without_release",
+                           "os/redhat_before_suse", "os/fedora_before_redhat", "os/empty_release_file",
+                           "os/empty_kernel_type", "os/kernel_type_alone"}) {
+    fixture::FixtureWorld world;
+    fixture::FixtureWorld::Scope scope(world);
+    world.Load(name);
+    EXPECT_EQ(world.Expected(), std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
   }
 }
 
