@@ -14,10 +14,9 @@ namespace {
 
 TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   fixture::FixtureWorld world;
-  fixture::FixtureWorld::Scope scope(world);
-  auto node = fixture::PlaceSgDrive(world, "/dev/sg0", 0, 0, 0, 0);
+  world.Load("one_generic_drive");
   std::atomic<int> opens(0), buildStep(0);  // 1: the build waits in its first open, 2: it may go on
-  node->onOpen = [&] {
+  fixture::DriveAt(world, "/dev/sg0").onOpen = [&] {
     if (opens++ != 0) return;
     buildStep = 1;
     while (buildStep != 2) std::this_thread::yield();
@@ -39,7 +38,6 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   EXPECT_EQ(0x101u, firstResult.load());
   EXPECT_EQ(0x101u, secondResult.load());
   EXPECT_EQ(1, opens.load()) << "the registry is built once";
-  fixture::RegistryReset();
 }
 
 }  // namespace

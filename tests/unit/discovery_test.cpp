@@ -38,37 +38,20 @@ Lines Registry() {
   return lines;
 }
 
-class Discovery : public ::testing::Test {
- protected:
-  void SetUp() override { SCSI_ResetDiscoveryState(); }
-  void TearDown() override { SCSI_ResetDiscoveryState(); }
-  // A fresh world from a data file (or empty), served from here on.
-  fixture::FixtureWorld& Machine(const char* name = nullptr, int kernel26 = 1) {
-    scope.reset();
-    world.reset(new fixture::FixtureWorld);
-    scope.reset(new fixture::FixtureWorld::Scope(*world));
-    SCSI_ResetDiscoveryState();
-    if (name) world->Load(name);  // SCSI_Init reads the kernel's release
-    else IsKernel26 = kernel26;
-    return *world;
-  }
-  std::unique_ptr<fixture::FixtureWorld> world;
-  std::unique_ptr<fixture::FixtureWorld::Scope> scope;
-};
-
 // Each machine's registry, with the IDE adapter and controller counts
 // first, is what its data file expects.
-TEST_F(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
+TEST(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
   for (const char* name :
        {"ide_and_scsi_hal", "kernel24_ide_scsi", "kernel26_ide_scsi", "no_drives", "ide_pass", "walk_and_names"}) {
     SCOPED_TRACE(name);
-    Machine(name);
+    fixture::FixtureWorld world;
+    world.Load(name);
     SCSI_Init();
     Lines found = Registry();
     found.insert(found.begin(), "counts " + std::to_string(IdeAdapterCount) + " " + std::to_string(ControllerCount));
-    EXPECT_EQ(world->Expected(), found);
+    EXPECT_EQ(world.expected, found);
     SCSI_Done();
-    EXPECT_EQ(0, world->OpenDescriptorCount());
+    EXPECT_EQ(0, world.OpenDescriptorCount());
   }
 }
 
@@ -81,16 +64,17 @@ TEST(KernelGate, AcceptsThreeFieldReleasesFrom26On) {
 
 // A rescan polls (in fake time) until the last exclusive hold is gone,
 // without blocking device opens; it gives up when the monitor must stop.
-TEST_F(Discovery, RescanWaitsForTheLastHoldOrTheStopRequest) {
+TEST(Discovery, RescanWaitsForTheLastHoldOrTheStopRequest) {
   for (bool stop : {false, true}) {
-    fixture::FixtureWorld& machine = Machine("ide_and_scsi");
+    fixture::FixtureWorld machine;
+    machine.Load("ide_and_scsi");
     SCSI_Init();
     const int fd = kavo::os::Open("/dev/sg0", 0);
     OpenedDevicesMap[CBasicString<char>("/dev/sg0")] = new SCSI_RefCountedFileDesc{fd, 1, false};
     machine.Remove("/dev/sg1");
     std::atomic<int> rebuilt(-1);
     std::thread monitor([&] { rebuilt = SCSI_Rescan(); });
-    while (machine.SleepCalls() < 20 && rebuilt == -1) std::this_thread::yield();
+    while (machine.sleepCalls < 20 && rebuilt == -1) std::this_thread::yield();
     EXPECT_EQ(-1, rebuilt.load());
     EXPECT_EQ(5u, DevicesMap.size()) << "nothing is purged while a drive is held";
     EXPECT_EQ(1, RescanLock.Lock(5000)) << "a device open may proceed during the wait";
@@ -105,9 +89,8 @@ TEST_F(Discovery, RescanWaitsForTheLastHoldOrTheStopRequest) {
     MonitorStopRequest.store(0);
     EXPECT_EQ(!stop, rebuilt.load());
     EXPECT_EQ(stop ? 5u : 4u, DevicesMap.size());
-    EXPECT_GE(machine.SleptMicroseconds(), 500u * 20);
+    EXPECT_GE(machine.slept, 500u * 20);
     kavo::os::Close(fd);
-    fixture::RegistryReset();
   }
 }
 

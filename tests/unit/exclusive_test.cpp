@@ -19,21 +19,15 @@ std::string Holds(const fixture::FixtureWorld& world) {
   return text + std::to_string(world.OpenDescriptorCount());
 }
 
-// A generic drive at adapter 0, target 0 (/dev/sg0 with block node
-// /dev/sr0) and an IDE drive at adapter 1 (/dev/hdc), never mounted.
+// The "drives" machine, never mounted: an IDE drive at adapter 0 (/dev/hdc)
+// and a generic drive at adapter 1 (/dev/sg0 with block node /dev/scd0).
 class ExclusiveTest : public ::testing::Test {
  protected:
-  ExclusiveTest() : scope_(world_) {
+  ExclusiveTest() {
     world_.AddFile("/etc/mtab", "");
-    fixture::PlaceSgDrive(world_, "/dev/sg0", 0, 0, 0, 0);
-    world_.AddNode("/dev/sr0", std::make_shared<fixture::DeviceNode>());
-    fixture::PlaceIdeDrive(world_, "/dev/hdc");
-    fixture::RegisterTestDevice(0, 0, 0, 0, "/dev/sg0", "/dev/sr0");
-    fixture::RegisterTestDevice(1, 0, 0, 0, "/dev/hdc");
+    fixture::BuildRegistry(world_, "drives");
   }
   fixture::FixtureWorld world_;
-  fixture::FixtureWorld::Scope scope_;
-  fixture::RegistryReset registry_;
 };
 
 // A nested set shares the first one's descriptors and runs no second
@@ -43,25 +37,25 @@ class ExclusiveTest : public ::testing::Test {
 TEST_F(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   fixture::FakeHal& hal = fixture::InstallFakeHal(world_);
   ASSERT_TRUE(libhal_support_init());
-  SCSI_GetDeviceProperties(0, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
+  SCSI_GetDeviceProperties(1, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
   int shellCommands = 0;
-  world_.SetShellHook([&shellCommands](const std::string&) {
+  world_.shellHook = [&shellCommands](const std::string&) {
     ++shellCommands;
     return 0;
-  });
+  };
   const struct {
     int adapter, set, result;
     const char *failing, *holds, *sent;  // sent: L a lock, U an unlock
-  } rows[] = {{0, 1, 0, "", "/dev/sg0x1 locked /dev/sr0x1 2", "L"},
-              {0, 1, 0, "", "/dev/sg0x2 locked /dev/sr0x1 2", "L"},
-              {0, 0, 0, "", "/dev/sg0x1 locked 1", "L"},
-              {0, 0, 0, "", "0", "LU"},
-              {0, 0, -1, "", "0", "LU"},
-              {1, 0, -1, "", "0", "LU"},  // registered but never held
-              {1, 1, 0, "", "/dev/hdcx1 1", "LU"},
+  } rows[] = {{1, 1, 0, "", "/dev/scd0x1 /dev/sg0x1 locked 2", "L"},
+              {1, 1, 0, "", "/dev/scd0x1 /dev/sg0x2 locked 2", "L"},
+              {1, 0, 0, "", "/dev/sg0x1 locked 1", "L"},
               {1, 0, 0, "", "0", "LU"},
-              {0, 1, 0, "dbus_connection_send_with_reply_and_block", "/dev/sg0x1 /dev/sr0x1 2", "LUL"},
-              {0, 0, 0, "", "0", "LUL"}};
+              {1, 0, -1, "", "0", "LU"},
+              {0, 0, -1, "", "0", "LU"},  // registered but never held
+              {0, 1, 0, "", "/dev/hdcx1 1", "LU"},
+              {0, 0, 0, "", "0", "LU"},
+              {1, 1, 0, "dbus_connection_send_with_reply_and_block", "/dev/scd0x1 /dev/sg0x1 2", "LUL"},
+              {1, 0, 0, "", "0", "LUL"}};
   for (const auto& row : rows) {
     hal.failing = row.failing;
     EXPECT_EQ(row.result, row.set ? ASPI_setExclusiveMode(row.adapter, 0) : ASPI_unsetExclusiveMode(row.adapter, 0));
@@ -74,7 +68,7 @@ TEST_F(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   }
   EXPECT_EQ(0, shellCommands);
   world_.FailOpen("/dev/sg0", EBUSY);
-  EXPECT_EQ(-1, ASPI_setExclusiveMode(0, 0));
+  EXPECT_EQ(-1, ASPI_setExclusiveMode(1, 0));
   EXPECT_EQ("0", Holds(world_)) << "a failed open stores nothing";
   EXPECT_TRUE(libhal_support_done());
 }

@@ -70,17 +70,12 @@ std::string Result(const SRB_ExecSCSICmd& srb) {
 
 class ExecuteTest : public ::testing::Test {
  protected:
-  ExecuteTest() : scope_(world_) {
-    world_.Load("drives");
+  ExecuteTest() {
     world_.AddFile("/etc/mtab", "");
-    IsKernel26 = 1;
-    SCSI_BuildRegistry();
-    ide_ = std::static_pointer_cast<fixture::IdeNode>(world_.Node("/dev/hdc"));
-    sg_ = std::static_pointer_cast<fixture::SgNode>(world_.Node("/dev/sg1"));
+    fixture::BuildRegistry(world_, "drives");
     memset(data_, kX, sizeof data_);
     g_world = &world_;
   }
-  ~ExecuteTest() override { IsKernel26 = 0; }
   // A block whose every byte the library may not write is kX.
   SRB_ExecSCSICmd& Make(unsigned char adapter, const Cdb& cdb, unsigned char flags, unsigned char senseLen = 0) {
     memset(&block_, kX, sizeof block_);
@@ -101,11 +96,10 @@ class ExecuteTest : public ::testing::Test {
   unsigned char SenseByte(int at) const { return reinterpret_cast<const unsigned char*>(block_.srb.SenseArea)[at]; }
   bool DataUntouched() const { return std::count(data_, data_ + sizeof data_, kX) == sizeof data_; }
 
+  fixture::IdeNode& Ide() { return fixture::DriveAt<fixture::IdeNode>(world_, "/dev/hdc"); }
+  fixture::SgNode& Sg() { return fixture::DriveAt<fixture::SgNode>(world_, "/dev/sg1"); }
+
   fixture::FixtureWorld world_;
-  fixture::FixtureWorld::Scope scope_;
-  fixture::RegistryReset registry_;
-  std::shared_ptr<fixture::IdeNode> ide_;
-  std::shared_ptr<fixture::SgNode> sg_;
   Request block_;
   unsigned char data_[64];
 };
@@ -121,7 +115,7 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
     SCSI_UnlockDeviceLock(lock);
   });
   while (step != 1) std::this_thread::yield();
-  sg_->onOpen = [] {
+  Sg().onOpen = [] {
     DevicesMapHold hold;
     auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsi, 0, 4, 0));
     SCSI_DeleteDeviceProperties(found->second);
@@ -131,7 +125,7 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   EXPECT_EQ("82 AA AA", Run());
   step = 2;
   holder.join();
-  EXPECT_TRUE(sg_->drive().Commands().empty());
+  EXPECT_TRUE(Sg().Commands().empty());
 }
 
 // Refused requests write only their status (and a direction correction) and reach no drive.
@@ -160,7 +154,7 @@ TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
     EXPECT_EQ(row.result, Run());
     EXPECT_EQ(row.flagsAfter | SRB_POSTING, srb.SRB_Flags);
   }
-  EXPECT_TRUE(sg_->drive().Commands().empty() && ide_->drive().Commands().empty() && DataUntouched());
+  EXPECT_TRUE(Sg().Commands().empty() && Ide().Commands().empty() && DataUntouched());
 }
 
 // Driver faults leave the result fields, sense and data alone; an
@@ -192,8 +186,7 @@ TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
-    sg_->drive().FailNext(row.fault);
-    sg_->drive().FailNextWithStatus(row.status, static_cast<unsigned char>(row.key));
+    Sg().FailNext(row.fault, row.status, static_cast<unsigned char>(row.key));
     SRB_ExecSCSICmd& srb = Make(kScsi, row.cdb, SRB_DIR_IN, row.senseLen);
     srb.SenseArea[0] = row.left0;
     srb.SenseArea[2] = row.left2;
@@ -218,16 +211,16 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
   block_.srb.CDBByte[11] = 0x5C;
   EXPECT_EQ("01 00 AA", Run());
   EXPECT_EQ(0x05, data_[0]);
-  EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), ide_->drive().Commands()[0].cdb);
-  EXPECT_EQ(CGC_DATA_READ, ide_->lastDataDirection);
+  EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), Ide().Commands()[0].cdb);
+  EXPECT_EQ(CGC_DATA_READ, Ide().lastDataDirection);
   const struct {
     unsigned char senseLen, lengthByte, copied;
   } rows[] = {{18, 10, 18}, {100, 56, 64}};
   for (const auto& row : rows) {
-    ide_->drive().FailNextWithStatus(0x02, 0x05);
+    Ide().FailNext(Fault::None, 0x02, 0x05);
     Make(kIde, kTur, 0, row.senseLen);
     EXPECT_EQ("04 AA 02", Run());
-    EXPECT_EQ(row.lengthByte, ide_->lastSenseLengthByte);
+    EXPECT_EQ(row.lengthByte, Ide().lastSenseLengthByte);
     EXPECT_EQ(0x05, SenseByte(2));
     EXPECT_EQ(0x00, SenseByte(row.copied - 1));
     EXPECT_EQ(kX, SenseByte(row.copied)) << static_cast<int>(row.senseLen);
@@ -254,7 +247,7 @@ TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
     Make(kScsi, row.cdb, 0);
     Run();
     EXPECT_EQ(row.flagsAfter | SRB_POSTING, block_.srb.SRB_Flags);
-    const fixture::DriveCommand command = sg_->drive().Commands().back();
+    const fixture::DriveCommand command = Sg().Commands().back();
     EXPECT_EQ(row.cdb, command.cdb);
     EXPECT_EQ(row.in, command.dataInLength);
     EXPECT_EQ(row.out, command.dataOut.size());
@@ -322,7 +315,7 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   queued[2].srb.SRB_PostProc = reinterpret_cast<void*>(&PostAndStop);
   ASPI_DEVICE_INFO* meanwhile = nullptr;  // opened again while the first open is under way
   bool again = true;
-  sg_->onOpen = [&] {
+  Sg().onOpen = [&] {
     if (!again) return;
     again = false;
     meanwhile = ASPI_OpenDevice(&queued[1].srb);
@@ -336,7 +329,7 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   for (Request& request : queued) record->Queue->push_back(&request.srb);
   record->QueueLock->Unlock();
   delete worker;  // waits for the worker's end
-  const std::vector<fixture::DriveCommand> ran = sg_->drive().Commands();
+  const std::vector<fixture::DriveCommand> ran = Sg().Commands();
   ASSERT_EQ(3u, ran.size());
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(LbaOf(ran[i]) == i + 1u && queued[i].posts == 1) << i;
 }

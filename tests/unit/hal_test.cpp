@@ -19,7 +19,6 @@ TEST(HalLayer, StartsOnTheSystemBusStepByStep) {
   const Lines start = {"dbus_bus_get 1", "libhal_ctx_new", "libhal_ctx_set_dbus_connection", "libhal_ctx_init"};
   for (size_t failing = 0; failing < start.size(); ++failing) {
     fixture::FixtureWorld world;
-    fixture::FixtureWorld::Scope scope(world);
     fixture::FakeHal& hal = fixture::InstallFakeHal(world);
     hal.failing = start[failing].substr(0, start[failing].find(' '));
     EXPECT_FALSE(libhal_support_init());
@@ -36,7 +35,6 @@ TEST(HalLayer, StartsOnTheSystemBusStepByStep) {
 // from many threads reach HAL one at a time.
 TEST(HalLayer, ListsLocksAndGivesEverythingBack) {
   fixture::FixtureWorld world;
-  fixture::FixtureWorld::Scope scope(world);
   fixture::FakeHal& hal = fixture::InstallFakeHal(world);
   hal.cdroms = {{kDrive, "/dev/sr0"}, {"/org/freedesktop/Hal/devices/none", ""}};
   ASSERT_TRUE(libhal_support_init());

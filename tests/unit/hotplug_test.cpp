@@ -68,8 +68,6 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
   ASPI_putCallbacks(nullptr);
   for (const char* source : {"HAL", "/sys/block", "/proc/scsi/scsi"}) {
     fixture::FixtureWorld world;
-    fixture::FixtureWorld::Scope scope(world);
-    SCSI_ResetDiscoveryState();
     world.Load("ide_and_scsi");
     Present(world, "a");
     if (source[0] == 'H') {
@@ -80,22 +78,21 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     eventLog.clear();
     // At each cycle's first sleep B comes, B goes, then A goes and B comes at
     // once; the fourth pause waits for the stop. A build opens /dev/sg0 read-write.
-    world.SetSleepHook([&](unsigned long calls) {
+    world.sleepHook = [&](unsigned long calls) {
       if (calls % 5 != 1) return;
       size_t builds = 0;
       for (const fixture::OpenRecord& open : world.Opens()) builds += open.path == "/dev/sg0" && open.flags & O_RDWR;
       eventLog += "R" + std::to_string(builds) + ";";
       if (calls < 16) return Present(world, calls == 1 ? "ab" : calls == 6 ? "a" : "b");
       while (MonitorStopRequest.load() == 0) std::this_thread::yield();
-    });
-    world.AllowThreads(true);
+    };
+    world.threadsAllowed = true;
     SCSI_Init();
-    for (int waited = 0; waited < 20000 && world.SleepCalls() < 16; ++waited) usleep(1000);
+    for (int waited = 0; waited < 20000 && world.sleepCalls < 16; ++waited) usleep(1000);
     SCSI_Done();
-    EXPECT_EQ(16u, world.SleepCalls()) << source << ": the pause ends at the stop request";
+    EXPECT_EQ(16u, world.sleepCalls) << source << ": the pause ends at the stop request";
     EXPECT_EQ("R1;+000500;+000500;R2;-000500;R3;-020000;+000500;+000500;R4;", eventLog) << source;
   }
-  SCSI_ResetDiscoveryState();
 }
 
 }  // namespace

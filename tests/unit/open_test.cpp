@@ -17,27 +17,23 @@ namespace {
 using Lines = std::vector<std::string>;
 TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
   fixture::FixtureWorld world;
-  fixture::FixtureWorld::Scope scope(world);
-  fixture::RegistryReset registry;
-  fixture::PlaceSgDrive(world, "/dev/sg0", 0, 0, 0, 0);
-  fixture::RegisterTestDevice(0, 0, 0, 0, "/dev/sg0");
+  fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1
   const struct {
     int error, times;
     unsigned long long slept;  // 100 us after each failed attempt but the last
   } rows[] = {{EBUSY, 3, 300}, {EBUSY, -1, 1000}, {ENOENT, -1, 0}};
   for (const auto& row : rows) {
-    const unsigned long long sleptBefore = world.SleptMicroseconds();
+    const unsigned long long sleptBefore = world.slept;
     world.FailOpen("/dev/sg0", row.error, row.times);
-    const int fd = SCSI_OpenDevice(0, 0, 0, 0, 0, nullptr);
+    const int fd = SCSI_OpenDevice(1, 0, 0, 0, 0, nullptr);
     EXPECT_EQ(row.times > 0, fd != -1);
     kavo::os::Close(fd);
-    EXPECT_EQ(row.slept, world.SleptMicroseconds() - sleptBefore);
+    EXPECT_EQ(row.slept, world.slept - sleptBefore);
   }
 }
 
 TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
   fixture::FixtureWorld world;
-  fixture::FixtureWorld::Scope scope(world);
   world.AddSymlink("/dev/cdrom", "sr0");
   world.AddSymlink("/dev/dvd", "/dev/sr0");
   const std::string table = "/dev/sr0 /a iso9660 ro 0 0\n/dev/sr10 /b udf ro\n/dev/cdrom /c x\n/dev/dvd /d x\n/dev/sr2\n";
@@ -78,16 +74,15 @@ TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
               {-1, "none", {0, 1, 2, 3, 4}}};
   for (const auto& row : rows) {
     fixture::FixtureWorld world;
-    fixture::FixtureWorld::Scope scope(world);
     int mounts = row.mounts;
     Lines commands;
     auto table = [&] { world.AddFile("/etc/mtab", mounts == 2 ? "/dev/sr0 a\n/dev/sr0 b\n" : mounts ? "/dev/sr0 a\n" : ""); };
     if (mounts >= 0) table();
-    world.SetShellHook([&](const std::string& command) {
+    world.shellHook = [&](const std::string& command) {
       commands.push_back(command);
       if (mounts > 0 && command.compare(0, strlen(row.unmounts), row.unmounts) == 0) --mounts, table();
       return 1;
-    });
+    };
     SCSI_UnmountVolumes("/dev/sr0");
     Lines expected;
     for (int command : row.commands) expected.push_back(chain.at(command));

@@ -116,9 +116,8 @@ TEST(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
                            "os/redhat_before_suse", "os/fedora_before_redhat", "os/empty_release_file",
                            "os/empty_kernel_type", "os/kernel_type_alone"}) {
     fixture::FixtureWorld world;
-    fixture::FixtureWorld::Scope scope(world);
     world.Load(name);
-    EXPECT_EQ(world.Expected(), std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
+    EXPECT_EQ(world.expected, std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
   }
 }
 
