@@ -5,8 +5,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <fstream>
-
 #include "device/unmount_internal.h"
 #include "gtest/gtest.h"
 #include "runtime/os.h"
@@ -34,8 +32,7 @@ TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
 
 TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
   fixture::FixtureWorld world;
-  world.AddSymlink("/dev/cdrom", "sr0");
-  world.AddSymlink("/dev/dvd", "/dev/sr0");
+  world.Load("cdrom_links");
   const std::string table = "/dev/sr0 /a iso9660 ro 0 0\n/dev/sr10 /b udf ro\n/dev/cdrom /c x\n/dev/dvd /d x\n/dev/sr2\n";
   const struct {
     std::string mtab;
@@ -60,9 +57,9 @@ TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
 // umount runs once per mount; each later tool runs only while the drive
 // still counts as mounted; without a table every tool runs once, in order.
 TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
-  std::ifstream file(std::string(KAVO_UNIT_DATA_DIR) + "/unmount_chain.txt");  // each tool's command, in order
-  Lines chain;
-  for (std::string line; std::getline(file, line);) chain.push_back(line);
+  fixture::FixtureWorld tools;
+  tools.Load("unmount_chain");
+  const Lines chain = tools.expected;  // each tool's command, in order
   const struct {
     int mounts;            // -1: no table
     const char* unmounts;  // the tool that takes a mount away
