@@ -52,6 +52,7 @@ TEST(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
     EXPECT_EQ(world.expected, found);
     SCSI_Done();
     EXPECT_EQ(0, world.OpenDescriptorCount());
+    EXPECT_EQ(0, fixture::LastFakeHal().outstanding) << "HAL's lists and strings all given back";
   }
 }
 
