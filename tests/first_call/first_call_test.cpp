@@ -17,9 +17,9 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   world.Load("one_generic_drive");
   std::atomic<int> opens(0), buildStep(0);  // 1: the build waits in its first open, 2: it may go on
   fixture::DriveAt(world, "/dev/sg0").onOpen = [&] {
-    if (opens++ != 0) return;
-    buildStep = 1;
-    while (buildStep != 2) std::this_thread::yield();
+    if (opens++ == 0) buildStep = 1;
+    while (buildStep == 1) std::this_thread::yield();
+    return 0;
   };
   std::atomic<unsigned int> firstResult(0), secondResult(0);
   std::thread first([&] { firstResult = GetASPI32SupportInfo(); });

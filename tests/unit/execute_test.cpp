@@ -120,6 +120,7 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
     auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsi, 0, 4, 0));
     SCSI_DeleteDeviceProperties(found->second);
     DevicesMap.erase(found);
+    return 0;
   };
   Make(kScsi, kTur, 0);
   EXPECT_EQ("82 AA AA", Run());
@@ -316,9 +317,11 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   ASPI_DEVICE_INFO* meanwhile = nullptr;  // opened again while the first open is under way
   bool again = true;
   Sg().onOpen = [&] {
-    if (!again) return;
-    again = false;
-    meanwhile = ASPI_OpenDevice(&queued[1].srb);
+    if (again) {
+      again = false;
+      meanwhile = ASPI_OpenDevice(&queued[1].srb);
+    }
+    return 0;
   };
   ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&queued[0].srb);
   ASSERT_TRUE(record != nullptr && record == meanwhile && record == ASPI_OpenDevice(&queued[2].srb));

@@ -118,7 +118,7 @@ TEST_F(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
     if (&row == rows + 1) world_.AddFile("/etc/mtab", "");
   }
   EXPECT_EQ(0, shellCommands);
-  world_.FailOpen("/dev/sg0", EBUSY);
+  world_.Node("/dev/sg0")->onOpen = [] { return EBUSY; };
   EXPECT_EQ(-1, ASPI_setExclusiveMode(1, 0));
   EXPECT_EQ("0", Holds(world_)) << "a failed open stores nothing";
   EXPECT_TRUE(libhal_support_done());

@@ -78,7 +78,10 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     // At each cycle's first sleep B comes, B goes, then A goes and B comes at
     // once; the fourth pause waits for the stop. A build opens /dev/hdc once.
     std::atomic<int> builds(0);
-    world.Node("/dev/hdc")->onOpen = [&builds] { ++builds; };
+    world.Node("/dev/hdc")->onOpen = [&builds] {
+      ++builds;
+      return 0;
+    };
     world.sleepHook = [&](unsigned long calls) {
       if (calls % 5 != 1) return;
       eventLog += "R" + std::to_string(builds) + ";";

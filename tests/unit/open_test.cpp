@@ -22,7 +22,8 @@ TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
   } rows[] = {{EBUSY, 3, 300}, {EBUSY, -1, 1000}, {ENOENT, -1, 0}};
   for (const auto& row : rows) {
     const unsigned long long sleptBefore = world.slept;
-    world.FailOpen("/dev/sg0", row.error, row.times);
+    int refusals = row.times;
+    world.Node("/dev/sg0")->onOpen = [&] { return refusals-- != 0 ? row.error : 0; };
     const int fd = SCSI_OpenDevice(1, 0, 0, 0, 0, nullptr);
     EXPECT_EQ(row.times > 0, fd != -1);
     kavo::os::Close(fd);
