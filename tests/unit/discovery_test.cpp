@@ -1,8 +1,6 @@
 // Discovery on machines no kernel here can show: the legacy IDE driver,
 // 2.4-era /proc/scsi, adapter names, the node walk's limits, rescans that
 // wait for holds, and HAL around it.
-#include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,10 +8,8 @@
 
 #include "aspi/srb.h"
 #include "device/registry_internal.h"
-#include "discovery/hal.h"
 #include "discovery/init.h"
 #include "discovery/init_internal.h"
-#include "discovery/scan_internal.h"
 #include "runtime/os.h"
 #include "tests/fixture/emulated_drive.h"
 
