@@ -70,27 +70,21 @@ std::string Holds(const fixture::FixtureWorld& world) {
   return text + std::to_string(world.OpenDescriptorCount());
 }
 
-// The "drives" machine, never mounted: an IDE drive at adapter 0 (/dev/hdc)
-// and a generic drive at adapter 1 (/dev/sg0 with block node /dev/scd0).
-class ExclusiveTest : public ::testing::Test {
- protected:
-  ExclusiveTest() {
-    world_.AddFile("/etc/mtab", "");
-    fixture::BuildRegistry(world_, "drives");
-  }
-  fixture::FixtureWorld world_;
-};
-
 // A nested set shares the first one's descriptors and runs no second
 // unmount; the block node goes back at the first unset, the drive at the
 // last. HAL locks a drive with a UDI at the first set and unlocks it at the
-// last unset; a refused lock is not unlocked; a drive without UDI makes no call.
-TEST_F(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
-  fixture::FakeHal& hal = fixture::InstallFakeHal(world_);
+// last unset; a refused lock is not unlocked; a drive without UDI makes no
+// call. On the "drives" machine, never mounted: an IDE drive at adapter 0
+// (/dev/hdc), a generic one at adapter 1 (/dev/sg0, block node /dev/scd0).
+TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
+  fixture::FixtureWorld world;
+  world.AddFile("/etc/mtab", "");
+  fixture::BuildRegistry(world, "drives");
+  fixture::FakeHal& hal = fixture::InstallFakeHal(world);
   ASSERT_TRUE(libhal_support_init());
   SCSI_GetDeviceProperties(1, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
   int shellCommands = 0;
-  world_.shellHook = [&shellCommands](const std::string&) {
+  world.shellHook = [&shellCommands](const std::string&) {
     ++shellCommands;
     return 0;
   };
@@ -110,17 +104,17 @@ TEST_F(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   for (const auto& row : rows) {
     hal.failing = row.failing;
     EXPECT_EQ(row.result, row.set ? ASPI_setExclusiveMode(row.adapter, 0) : ASPI_unsetExclusiveMode(row.adapter, 0));
-    EXPECT_EQ(row.holds, Holds(world_));
+    EXPECT_EQ(row.holds, Holds(world));
     std::string sent;
     for (const std::string& method : hal.Sent()) sent += method[0];
     EXPECT_EQ(row.sent, sent) << &row - rows;
-    if (&row == rows) world_.Remove("/etc/mtab");  // a second unmount at the nested set would show
-    if (&row == rows + 1) world_.AddFile("/etc/mtab", "");
+    if (&row == rows) world.Remove("/etc/mtab");  // a second unmount at the nested set would show
+    if (&row == rows + 1) world.AddFile("/etc/mtab", "");
   }
   EXPECT_EQ(0, shellCommands);
-  world_.Node("/dev/sg0")->onOpen = [] { return EBUSY; };
+  world.Node("/dev/sg0")->onOpen = [] { return EBUSY; };
   EXPECT_EQ(-1, ASPI_setExclusiveMode(1, 0));
-  EXPECT_EQ("0", Holds(world_)) << "a failed open stores nothing";
+  EXPECT_EQ("0", Holds(world)) << "a failed open stores nothing";
   EXPECT_TRUE(libhal_support_done());
 }
 
