@@ -26,20 +26,6 @@ using Cdb = std::vector<unsigned char>;
 const unsigned char kIde = 0, kScsi = 3, kX = 0xAA;  // kX: what the library must leave alone
 const Cdb kInquiry = {0x12, 0, 0, 0, 36, 0}, kTur = {0, 0, 0, 0, 0, 0};
 const Cdb kReportKey = {0xA4, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0}, kSendKey = {0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
-using PostProc = void (*)(SRB_ExecSCSICmd*);
-
-// A posting block for the drive at adapter (target 4 on adapter 3, else 0).
-void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsigned char flags, PostProc post) {
-  srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
-  srb.SRB_HaId = adapter;
-  srb.SRB_Target = adapter == kScsi ? 4 : 0;
-  srb.SRB_Lun = 0;
-  srb.SRB_Flags = flags | SRB_POSTING;
-  srb.SRB_PostProc = reinterpret_cast<void*>(post);
-  srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
-  memset(srb.CDBByte, 0, sizeof srb.CDBByte);
-  memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
-}
 
 // A block with room for sense beyond its own 16 bytes, and what its posts saw.
 struct Request {
@@ -61,6 +47,19 @@ void PostAndStop(SRB_ExecSCSICmd* srb) {
   CThread::EndThread(0);
 }
 
+// A posting block for the drive at adapter (target 4 on adapter 3, else 0).
+void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsigned char flags) {
+  srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
+  srb.SRB_HaId = adapter;
+  srb.SRB_Target = adapter == kScsi ? 4 : 0;
+  srb.SRB_Lun = 0;
+  srb.SRB_Flags = flags | SRB_POSTING;
+  srb.SRB_PostProc = reinterpret_cast<void*>(&CountPost);
+  srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
+  memset(srb.CDBByte, 0, sizeof srb.CDBByte);
+  memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
+}
+
 std::string Result(const SRB_ExecSCSICmd& srb) {
   char text[16];
   snprintf(text, sizeof text, "%02X %02X %02X", srb.SRB_Status, srb.SRB_HaStat, srb.SRB_TargStat);
@@ -78,7 +77,7 @@ class ExecuteTest : public ::testing::Test {
   // A block whose every byte the library may not write is kX.
   SRB_ExecSCSICmd& Make(unsigned char adapter, const Cdb& cdb, unsigned char flags, unsigned char senseLen = 0) {
     memset(&block_, kX, sizeof block_);
-    Address(block_.srb, adapter, cdb, flags, &CountPost);
+    Address(block_.srb, adapter, cdb, flags);
     block_.srb.SRB_SenseLen = senseLen;
     block_.srb.SRB_BufLen = 8;
     block_.srb.SRB_BufPointer = data_;
@@ -258,7 +257,7 @@ void Fill(Request& request, unsigned char adapter, unsigned int lba, unsigned in
   const Cdb read = {0x28, 0, static_cast<unsigned char>(lba >> 24), static_cast<unsigned char>(lba >> 16),
                     static_cast<unsigned char>(lba >> 8), static_cast<unsigned char>(lba), 0, 0,
                     static_cast<unsigned char>(bufLen / EmulatedDrive::kBlockSize), 0};
-  Address(request.srb, adapter, read, bufLen != 0 ? SRB_DIR_IN : 0, &CountPost);
+  Address(request.srb, adapter, read, bufLen != 0 ? SRB_DIR_IN : 0);
   request.srb.SRB_BufLen = bufLen;
   request.srb.SRB_BufPointer = data;
 }
