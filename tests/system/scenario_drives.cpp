@@ -80,18 +80,19 @@ int WrongRead(const Drive& drive, unsigned lba, bool mustComplete) {
   return srb.SRB_Status != SS_COMP ? mustComplete : !IsDisc(got, lba);
 }
 
-// Wrong reads by two threads on drive and one on other (which must all complete) while 300
-// holds come and go. Each reads its own sectors: a held drive's one descriptor hands a
-// reply to whichever thread reads first; the device's lock pairs them.
-int ReadsWhileTaking(const Drive& drive, const Drive& other) {
+// Wrong reads by two threads on the CD drive and one on the DVD drive (which must all
+// complete) while the CD drive is taken and released 300 times. Each reads its own sectors:
+// a held drive's one descriptor hands a reply to whichever thread reads first; the
+// device's lock pairs them.
+int ReadsWhileTaking() {
   std::atomic<int> wrong(0);
   std::atomic<bool> stop(false);
   auto reader = [&](const Drive* at, unsigned first) {
-    for (unsigned n = 0; !stop; ++n) wrong += WrongRead(*at, dataLba + first + n % 64, at == &other);
+    for (unsigned n = 0; !stop; ++n) wrong += WrongRead(*at, dataLba + first + n % 64, at == &atapi);
   };
-  std::thread readers[] = {std::thread(reader, &drive, 0), std::thread(reader, &drive, 64), std::thread(reader, &other, 128)};
+  std::thread readers[] = {std::thread(reader, &scsi, 0), std::thread(reader, &scsi, 64), std::thread(reader, &atapi, 128)};
   for (int i = 0; i < 300; ++i)
-    if (ASPI_setExclusiveMode(drive.host, drive.target) == 0) ASPI_unsetExclusiveMode(drive.host, drive.target);
+    if (ASPI_setExclusiveMode(scsi.host, scsi.target) == 0) ASPI_unsetExclusiveMode(scsi.host, scsi.target);
   stop = true;
   for (std::thread& thread : readers) thread.join();
   return wrong;
@@ -197,7 +198,7 @@ int main() {
       {"a READ(10) after a rejected 5-byte command on the held drive reads its sector", ShortCommandOnAHeldDrive},
       {"a request to a drive another program holds fails rather than waits; the other goes on",
        ADriveAnotherProgramHolds},
-      {"reads while the drive is taken and released carry their sectors", [] { return ReadsWhileTaking(scsi, atapi); }},
+      {"reads while the drive is taken and released carry their sectors", ReadsWhileTaking},
       {"reads queued on two drives' workers complete on their worker with the disc's data", ReadsOnTheirDrivesWorkers},
   };
   for (const auto& race : races) Check(race.what, race.run(), 0);

@@ -24,10 +24,9 @@ using Lines = std::vector<std::string>;
 TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
   fixture::FixtureWorld world;
   fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1
-  const struct {
-    int error, times;
-    unsigned long long slept;  // 100 us after each failed attempt but the last
-  } rows[] = {{EBUSY, 3, 300}, {EBUSY, -1, 1000}, {ENOENT, -1, 0}};
+  // slept: 100 us after each failed attempt but the last
+  const struct { int error, times; unsigned long long slept; } rows[] = {
+      {EBUSY, 3, 300}, {EBUSY, -1, 1000}, {ENOENT, -1, 0}};
   for (const auto& row : rows) {
     const unsigned long long sleptBefore = world.slept;
     int refusals = row.times;
@@ -43,11 +42,7 @@ TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
   fixture::FixtureWorld world;
   world.Load("cdrom_links");
   const std::string table = "/dev/sr0 /a iso9660 ro 0 0\n/dev/sr10 /b udf ro\n/dev/cdrom /c x\n/dev/dvd /d x\n/dev/sr2\n";
-  const struct {
-    std::string mtab;
-    const char* path;
-    int count;
-  } rows[] = {
+  const struct { std::string mtab; const char* path; int count; } rows[] = {
       {table, "/dev/sr0", 2},  // its own line and /dev/dvd's target
       {table, "/dev/sr1", 1},  // /dev/sr10
       {table, "sr0", 1},       // the relative target text, not resolved

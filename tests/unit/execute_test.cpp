@@ -210,9 +210,7 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
   EXPECT_EQ("01 00 AA", Run());
   EXPECT_EQ(0x05, data_[0]) << "read in";
   EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), Ide().Commands()[0].cdb);
-  const struct {
-    unsigned char senseLen, lengthByte, copied;
-  } rows[] = {{18, 10, 18}, {100, 56, 64}};
+  const struct { unsigned char senseLen, lengthByte, copied; } rows[] = {{18, 10, 18}, {100, 56, 64}};
   for (const auto& row : rows) {
     Ide().FailNext(Fault::None, 0x02, 0x05);
     Make(kIde, kTur, 0, row.senseLen);
@@ -228,11 +226,7 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
 // The drive gets each command whole, also a 16-byte one from a driver that
 // takes 12 bytes for its opcode group unless told otherwise.
 TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
-  const struct {
-    Cdb cdb;
-    unsigned char flagsAfter;
-    size_t in, out;
-  } rows[] = {
+  const struct { Cdb cdb; unsigned char flagsAfter; size_t in, out; } rows[] = {
       {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, SRB_DIR_IN, 8, 0},
       {kReportKey, SRB_DIR_IN, 8, 0},
       {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, SRB_DIR_IN, 8, 0},
