@@ -14,23 +14,17 @@ namespace {
 
 TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   fixture::FixtureWorld world;
-  fixture::FixtureWorld::Scope scope(world);
-  auto node = fixture::PlaceSgDrive(world, "/dev/sg0", 0, 0, 0, 0);
+  world.Load("one_generic_drive");
   std::atomic<int> opens(0), buildStep(0);  // 1: the build waits in its first open, 2: it may go on
-  node->onOpen = [&] {
-    if (opens++ != 0) return;
-    buildStep = 1;
-    while (buildStep != 2) std::this_thread::yield();
+  fixture::DriveAt(world, "/dev/sg0").onOpen = [&] {
+    if (opens++ == 0) buildStep = 1;
+    while (buildStep == 1) std::this_thread::yield();
+    return 0;
   };
   std::atomic<unsigned int> firstResult(0), secondResult(0);
   std::thread first([&] { firstResult = GetASPI32SupportInfo(); });
   while (buildStep != 1) std::this_thread::yield();
-  std::thread second([&] {
-    SRB_HAInquiry inquiry = {};
-    inquiry.SRB_Cmd = SC_HA_INQUIRY;
-    SendASPI32Command(&inquiry);
-    secondResult = GetASPI32SupportInfo();
-  });
+  std::thread second([&] { secondResult = GetASPI32SupportInfo(); });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(0u, secondResult.load()) << "the second caller must not see a half-built registry";
   buildStep = 2;
@@ -39,7 +33,6 @@ TEST(FirstCall, SecondCallerWaitsForTheRegistryBuild) {
   EXPECT_EQ(0x101u, firstResult.load());
   EXPECT_EQ(0x101u, secondResult.load());
   EXPECT_EQ(1, opens.load()) << "the registry is built once";
-  fixture::RegistryReset();
 }
 
 }  // namespace

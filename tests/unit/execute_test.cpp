@@ -3,7 +3,6 @@
 // older driver's command lengths and the IDE packet, none of which a real
 // drive can be made to show on demand; then requests racing holds,
 // rebuilds and each other, alone or queued on a device's worker.
-#include <linux/cdrom.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -27,20 +26,6 @@ using Cdb = std::vector<unsigned char>;
 const unsigned char kIde = 0, kScsi = 3, kX = 0xAA;  // kX: what the library must leave alone
 const Cdb kInquiry = {0x12, 0, 0, 0, 36, 0}, kTur = {0, 0, 0, 0, 0, 0};
 const Cdb kReportKey = {0xA4, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0}, kSendKey = {0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
-using PostProc = void (*)(SRB_ExecSCSICmd*);
-
-// A posting block for the drive at adapter (target 4 on adapter 3, else 0).
-void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsigned char flags, PostProc post) {
-  srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
-  srb.SRB_HaId = adapter;
-  srb.SRB_Target = adapter == kScsi ? 4 : 0;
-  srb.SRB_Lun = 0;
-  srb.SRB_Flags = flags | SRB_POSTING;
-  srb.SRB_PostProc = reinterpret_cast<void*>(post);
-  srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
-  memset(srb.CDBByte, 0, sizeof srb.CDBByte);
-  memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
-}
 
 // A block with room for sense beyond its own 16 bytes, and what its posts saw.
 struct Request {
@@ -62,6 +47,19 @@ void PostAndStop(SRB_ExecSCSICmd* srb) {
   CThread::EndThread(0);
 }
 
+// A posting block for the drive at adapter (target 4 on adapter 3, else 0).
+void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsigned char flags) {
+  srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
+  srb.SRB_HaId = adapter;
+  srb.SRB_Target = adapter == kScsi ? 4 : 0;
+  srb.SRB_Lun = 0;
+  srb.SRB_Flags = flags | SRB_POSTING;
+  srb.SRB_PostProc = reinterpret_cast<void*>(&CountPost);
+  srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
+  memset(srb.CDBByte, 0, sizeof srb.CDBByte);
+  memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
+}
+
 std::string Result(const SRB_ExecSCSICmd& srb) {
   char text[16];
   snprintf(text, sizeof text, "%02X %02X %02X", srb.SRB_Status, srb.SRB_HaStat, srb.SRB_TargStat);
@@ -70,21 +68,16 @@ std::string Result(const SRB_ExecSCSICmd& srb) {
 
 class ExecuteTest : public ::testing::Test {
  protected:
-  ExecuteTest() : scope_(world_) {
-    world_.Load("drives");
+  ExecuteTest() {
     world_.AddFile("/etc/mtab", "");
-    IsKernel26 = 1;
-    SCSI_BuildRegistry();
-    ide_ = std::static_pointer_cast<fixture::IdeNode>(world_.Node("/dev/hdc"));
-    sg_ = std::static_pointer_cast<fixture::SgNode>(world_.Node("/dev/sg1"));
+    fixture::BuildRegistry(world_, "drives");
     memset(data_, kX, sizeof data_);
     g_world = &world_;
   }
-  ~ExecuteTest() override { IsKernel26 = 0; }
   // A block whose every byte the library may not write is kX.
   SRB_ExecSCSICmd& Make(unsigned char adapter, const Cdb& cdb, unsigned char flags, unsigned char senseLen = 0) {
     memset(&block_, kX, sizeof block_);
-    Address(block_.srb, adapter, cdb, flags, &CountPost);
+    Address(block_.srb, adapter, cdb, flags);
     block_.srb.SRB_SenseLen = senseLen;
     block_.srb.SRB_BufLen = 8;
     block_.srb.SRB_BufPointer = data_;
@@ -101,11 +94,10 @@ class ExecuteTest : public ::testing::Test {
   unsigned char SenseByte(int at) const { return reinterpret_cast<const unsigned char*>(block_.srb.SenseArea)[at]; }
   bool DataUntouched() const { return std::count(data_, data_ + sizeof data_, kX) == sizeof data_; }
 
+  fixture::IdeNode& Ide() { return fixture::DriveAt<fixture::IdeNode>(world_, "/dev/hdc"); }
+  fixture::SgNode& Sg() { return fixture::DriveAt<fixture::SgNode>(world_, "/dev/sg1"); }
+
   fixture::FixtureWorld world_;
-  fixture::FixtureWorld::Scope scope_;
-  fixture::RegistryReset registry_;
-  std::shared_ptr<fixture::IdeNode> ide_;
-  std::shared_ptr<fixture::SgNode> sg_;
   Request block_;
   unsigned char data_[64];
 };
@@ -121,17 +113,18 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
     SCSI_UnlockDeviceLock(lock);
   });
   while (step != 1) std::this_thread::yield();
-  sg_->onOpen = [] {
+  Sg().onOpen = [] {
     DevicesMapHold hold;
     auto found = DevicesMap.find(SCSI_MakeDeviceKey(kScsi, 0, 4, 0));
     SCSI_DeleteDeviceProperties(found->second);
     DevicesMap.erase(found);
+    return 0;
   };
   Make(kScsi, kTur, 0);
   EXPECT_EQ("82 AA AA", Run());
   step = 2;
   holder.join();
-  EXPECT_TRUE(sg_->drive().Commands().empty());
+  EXPECT_TRUE(Sg().Commands().empty());
 }
 
 // Refused requests write only their status (and a direction correction) and reach no drive.
@@ -160,7 +153,7 @@ TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
     EXPECT_EQ(row.result, Run());
     EXPECT_EQ(row.flagsAfter | SRB_POSTING, srb.SRB_Flags);
   }
-  EXPECT_TRUE(sg_->drive().Commands().empty() && ide_->drive().Commands().empty() && DataUntouched());
+  EXPECT_TRUE(Sg().Commands().empty() && Ide().Commands().empty() && DataUntouched());
 }
 
 // Driver faults leave the result fields, sense and data alone; an
@@ -177,7 +170,6 @@ TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
     unsigned char senseLen, left0, left2;
     const char* result;
   } rows[] = {
-      {Fault::ShortWrite, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
       {Fault::ShortRead, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
       {Fault::DriverBusy, 0, kNoSense, kInquiry, 14, kX, kX, "E5 AA AA"},
       {Fault::DriverError, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
@@ -192,8 +184,7 @@ TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
-    sg_->drive().FailNext(row.fault);
-    sg_->drive().FailNextWithStatus(row.status, static_cast<unsigned char>(row.key));
+    Sg().FailNext(row.fault, row.status, static_cast<unsigned char>(row.key));
     SRB_ExecSCSICmd& srb = Make(kScsi, row.cdb, SRB_DIR_IN, row.senseLen);
     srb.SenseArea[0] = row.left0;
     srb.SenseArea[2] = row.left2;
@@ -217,17 +208,14 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
   Make(kIde, kInquiry, SRB_DIR_IN).SRB_CDBLen = 0;
   block_.srb.CDBByte[11] = 0x5C;
   EXPECT_EQ("01 00 AA", Run());
-  EXPECT_EQ(0x05, data_[0]);
-  EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), ide_->drive().Commands()[0].cdb);
-  EXPECT_EQ(CGC_DATA_READ, ide_->lastDataDirection);
-  const struct {
-    unsigned char senseLen, lengthByte, copied;
-  } rows[] = {{18, 10, 18}, {100, 56, 64}};
+  EXPECT_EQ(0x05, data_[0]) << "read in";
+  EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), Ide().Commands()[0].cdb);
+  const struct { unsigned char senseLen, lengthByte, copied; } rows[] = {{18, 10, 18}, {100, 56, 64}};
   for (const auto& row : rows) {
-    ide_->drive().FailNextWithStatus(0x02, 0x05);
+    Ide().FailNext(Fault::None, 0x02, 0x05);
     Make(kIde, kTur, 0, row.senseLen);
     EXPECT_EQ("04 AA 02", Run());
-    EXPECT_EQ(row.lengthByte, ide_->lastSenseLengthByte);
+    EXPECT_EQ(row.lengthByte, Ide().lastSenseLengthByte);
     EXPECT_EQ(0x05, SenseByte(2));
     EXPECT_EQ(0x00, SenseByte(row.copied - 1));
     EXPECT_EQ(kX, SenseByte(row.copied)) << static_cast<int>(row.senseLen);
@@ -238,11 +226,7 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
 // The drive gets each command whole, also a 16-byte one from a driver that
 // takes 12 bytes for its opcode group unless told otherwise.
 TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
-  const struct {
-    Cdb cdb;
-    unsigned char flagsAfter;
-    size_t in, out;
-  } rows[] = {
+  const struct { Cdb cdb; unsigned char flagsAfter; size_t in, out; } rows[] = {
       {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, SRB_DIR_IN, 8, 0},
       {kReportKey, SRB_DIR_IN, 8, 0},
       {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, SRB_DIR_IN, 8, 0},
@@ -254,7 +238,7 @@ TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
     Make(kScsi, row.cdb, 0);
     Run();
     EXPECT_EQ(row.flagsAfter | SRB_POSTING, block_.srb.SRB_Flags);
-    const fixture::DriveCommand command = sg_->drive().Commands().back();
+    const fixture::DriveCommand command = Sg().Commands().back();
     EXPECT_EQ(row.cdb, command.cdb);
     EXPECT_EQ(row.in, command.dataInLength);
     EXPECT_EQ(row.out, command.dataOut.size());
@@ -267,7 +251,7 @@ void Fill(Request& request, unsigned char adapter, unsigned int lba, unsigned in
   const Cdb read = {0x28, 0, static_cast<unsigned char>(lba >> 24), static_cast<unsigned char>(lba >> 16),
                     static_cast<unsigned char>(lba >> 8), static_cast<unsigned char>(lba), 0, 0,
                     static_cast<unsigned char>(bufLen / EmulatedDrive::kBlockSize), 0};
-  Address(request.srb, adapter, read, bufLen != 0 ? SRB_DIR_IN : 0, &CountPost);
+  Address(request.srb, adapter, read, bufLen != 0 ? SRB_DIR_IN : 0);
   request.srb.SRB_BufLen = bufLen;
   request.srb.SRB_BufPointer = data;
 }
@@ -322,10 +306,12 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   queued[2].srb.SRB_PostProc = reinterpret_cast<void*>(&PostAndStop);
   ASPI_DEVICE_INFO* meanwhile = nullptr;  // opened again while the first open is under way
   bool again = true;
-  sg_->onOpen = [&] {
-    if (!again) return;
-    again = false;
-    meanwhile = ASPI_OpenDevice(&queued[1].srb);
+  Sg().onOpen = [&] {
+    if (again) {
+      again = false;
+      meanwhile = ASPI_OpenDevice(&queued[1].srb);
+    }
+    return 0;
   };
   ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&queued[0].srb);
   ASSERT_TRUE(record != nullptr && record == meanwhile && record == ASPI_OpenDevice(&queued[2].srb));
@@ -336,7 +322,7 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   for (Request& request : queued) record->Queue->push_back(&request.srb);
   record->QueueLock->Unlock();
   delete worker;  // waits for the worker's end
-  const std::vector<fixture::DriveCommand> ran = sg_->drive().Commands();
+  const std::vector<fixture::DriveCommand> ran = Sg().Commands();
   ASSERT_EQ(3u, ran.size());
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(LbaOf(ran[i]) == i + 1u && queued[i].posts == 1) << i;
 }

@@ -21,12 +21,10 @@ TEST(BasicString, GrowsByOneRuleAndComparesByteWise) {
   CBasicString<char> key;
   key.Format("h%02dc%02dt%02dd%02d", 0, 0, 0, 0);
   EXPECT_EQ(26, key.GetCapacity()) << "grown for 12 characters";
-  const struct {
-    const char *left, *right;
-    int count, result;
-  } rows[] = {{"b", "ab", -1, -1},    {"ab", "b", -1, 1},   {"abc", "abc", -1, 0},
-              {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0}, {nullptr, "", -1, -1},
-              {"\xE9", "e", -1, -1}};  // bytes above 0x7F sort before ASCII
+  const struct { const char *left, *right; int count, result; } rows[] = {
+      {"b", "ab", -1, -1},    {"ab", "b", -1, 1},   {"abc", "abc", -1, 0},
+      {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0}, {nullptr, "", -1, -1},
+      {"\xE9", "e", -1, -1}};  // bytes above 0x7F sort before ASCII
   for (const auto& row : rows) EXPECT_EQ(row.result, UnicodeStringCmp<char>(row.left, row.right, row.count)) << &row - rows;
 }
 
@@ -116,9 +114,8 @@ TEST(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
                            "os/redhat_before_suse", "os/fedora_before_redhat", "os/empty_release_file",
                            "os/empty_kernel_type", "os/kernel_type_alone"}) {
     fixture::FixtureWorld world;
-    fixture::FixtureWorld::Scope scope(world);
     world.Load(name);
-    EXPECT_EQ(world.Expected(), std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
+    EXPECT_EQ(world.expected, std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
   }
 }
 

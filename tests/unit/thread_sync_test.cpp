@@ -18,32 +18,23 @@ int Elsewhere(CPosixSyncObject& object, bool unlock = false) {
   return result;
 }
 
-TEST(Sync, MutexRecursionOwnershipAndInitialOwner) {
-  CPosixMutex mutex(0), owned(1);  // only 1 means "owned by the creator"
-  const struct {
-    char step;  // L lock, U unlock, F unlock on another thread
-    int result, elsewhere;
-  } rows[] = {{'U', 0, 1}, {'L', 1, 0}, {'L', 1, 0}, {'F', 0, 0}, {'U', 1, 0}, {'U', 1, 1}};
-  for (const auto& row : rows) {
-    const int result = row.step == 'L' ? mutex.Lock(0) : row.step == 'U' ? mutex.Unlock() : Elsewhere(mutex, true);
-    EXPECT_EQ(row.result, result);
-    EXPECT_EQ(row.elsewhere, Elsewhere(mutex)) << &row - rows;
-  }
-  EXPECT_EQ(0, Elsewhere(owned));
-  EXPECT_EQ(1, owned.Unlock());
-}
-
-// Each step's result in order: a semaphore stays within its maximum; an
-// automatic event lets one wait through per set; a manual one stays set.
-TEST(Sync, SemaphoreAndEventSteps) {
+// Each step's result in order: a mutex counts its owner's recursion and
+// refuses other threads (only 1 makes it the creator's); a semaphore stays
+// within its maximum; an automatic event lets one wait through per set; a
+// manual one stays set.
+TEST(Sync, StepsOfEachObject) {
+  CPosixMutex mutex(0), owned(1);
   CPosixSemaphore semaphore(0, 1);
   CPosixEvent automatic(0, 0), manual(1, 1);
-  const std::vector<int> steps = {semaphore.Lock(0),       semaphore.Unlock(),      semaphore.Unlock(),
-                                  semaphore.Lock(0),       semaphore.Lock(0),       automatic.SetEvent(),
-                                  automatic.SetEvent(),    automatic.WaitForEvent(0), automatic.WaitForEvent(0),
-                                  manual.WaitForEvent(0),  manual.WaitForEvent(0),  manual.ResetEvent(),
-                                  manual.WaitForEvent(0)};
-  EXPECT_EQ((std::vector<int>{0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0}), steps);
+  const std::vector<int> steps = {
+      mutex.Unlock(),           Elsewhere(mutex),         mutex.Lock(0),           Elsewhere(mutex),
+      mutex.Lock(0),            Elsewhere(mutex, true),   mutex.Unlock(),          Elsewhere(mutex),
+      mutex.Unlock(),           Elsewhere(mutex),         Elsewhere(owned),        owned.Unlock(),
+      semaphore.Lock(0),        semaphore.Unlock(),       semaphore.Unlock(),      semaphore.Lock(0),
+      semaphore.Lock(0),        automatic.SetEvent(),     automatic.SetEvent(),    automatic.WaitForEvent(0),
+      automatic.WaitForEvent(0), manual.WaitForEvent(0),  manual.WaitForEvent(0),  manual.ResetEvent(),
+      manual.WaitForEvent(0)};
+  EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0}), steps);
 }
 
 using std::chrono::milliseconds;
