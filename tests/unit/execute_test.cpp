@@ -264,7 +264,7 @@ unsigned int LbaOf(const fixture::DriveCommand& command) {
 // after an unset closed it would write to whatever drive got it next.
 TEST_F(ExecuteTest, EachReachesItsOwnDriveWhileHoldsAndRebuildsComeAndGo) {
   const unsigned char adapters[] = {1, 1, 1, 3, 3, 0};
-  const int kThreads = 6, kRequests = 4000;
+  const int kThreads = 6, kRequests = 20000;
   std::vector<Request> requests(kThreads * kRequests);
   std::atomic<bool> done(false);
   std::thread holder([&] {
