@@ -43,9 +43,19 @@ std::vector<PinnedDescriptor>::iterator PinOf(int fd) {
                       [fd](const PinnedDescriptor& pin) { return pin.fd == fd; });
 }
 
-// Device locks whose records were purged while a request held them; guarded
-// by DevicesMapLock. See SCSI_DeleteDeviceProperties.
-std::vector<CPosixMutex*> RetiredDeviceLocks;
+// Device locks whose records were purged while a request held them, with
+// the purged record's key (empty: none); guarded by DevicesMapLock. See
+// SCSI_DeleteDeviceProperties and SCSI_RegisterDevice.
+struct RetiredDeviceLock {
+  CBasicString<char> deviceKey;
+  CPosixMutex* lock;
+};
+std::vector<RetiredDeviceLock> RetiredDeviceLocks;
+
+std::vector<RetiredDeviceLock>::iterator RetiredLockOf(const CPosixMutex* lock) {
+  return std::find_if(RetiredDeviceLocks.begin(), RetiredDeviceLocks.end(),
+                      [lock](const RetiredDeviceLock& retired) { return retired.lock == lock; });
+}
 
 // The adapter's record, or null. A plain find: looking up a number never
 // seen must not add an empty slot to the map.
@@ -75,7 +85,7 @@ class RegistryFreedAtUnload {
     if (DevicesMapLock.Lock(0) != 1) return;
     for (const auto& entry : DevicesMap) SCSI_DeleteDeviceProperties(entry.second);
     DevicesMap.clear();
-    for (CPosixMutex* lock : RetiredDeviceLocks) delete lock;
+    for (const RetiredDeviceLock& retired : RetiredDeviceLocks) delete retired.lock;
     RetiredDeviceLocks.clear();
     for (const auto& entry : OpenedDevicesMap) delete entry.second;
     OpenedDevicesMap.clear();
@@ -155,10 +165,10 @@ SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath) {
 // another thread holds must outlive it, or that thread would unlock freed
 // memory (or, looking it up again, a new record's lock it never took). Such
 // a lock is retired instead, and the request that releases it deletes it.
-void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record) {
+void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey) {
   if (record == nullptr) return;
   if (record->DeviceLock != nullptr && !IsFree(record->DeviceLock))
-    RetiredDeviceLocks.push_back(record->DeviceLock);
+    RetiredDeviceLocks.push_back({deviceKey, record->DeviceLock});
   else
     delete record->DeviceLock;
   delete record;
@@ -181,7 +191,7 @@ CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun) {
 void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
   DevicesMapHold hold;
   lock->Unlock();
-  std::vector<CPosixMutex*>::iterator retired = std::find(RetiredDeviceLocks.begin(), RetiredDeviceLocks.end(), lock);
+  std::vector<RetiredDeviceLock>::iterator retired = RetiredLockOf(lock);
   if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
   RetiredDeviceLocks.erase(retired);
   delete lock;
@@ -219,11 +229,23 @@ CBasicString<char> SCSI_CopyAdapterName(int n) {
   return adapter->AdapterName;
 }
 
+// A rebuild replaces every record, but not the device behind a key that
+// stays: the new record takes over a lock its predecessor left held, so a
+// request still exchanging on the old record's (held, shared) descriptor
+// and one that looks the device up afresh take turns on one mutex rather
+// than each holding a lock of its own.
 void SCSI_RegisterDevice(const CBasicString<char>& deviceKey, SCSI_DeviceProperties* record) {
   DevicesMapHold hold;
   SCSI_DeviceProperties*& slot = DevicesMap[deviceKey];
-  if (slot != record) SCSI_DeleteDeviceProperties(slot);
+  if (slot != record) SCSI_DeleteDeviceProperties(slot, deviceKey);
   slot = record;
+  for (auto retired = RetiredDeviceLocks.begin(); retired != RetiredDeviceLocks.end(); ++retired) {
+    if (UnicodeStringCmp<char>(retired->deviceKey.GetString(), deviceKey.GetString(), -1) != 0) continue;
+    delete record->DeviceLock;  // new and never taken
+    record->DeviceLock = retired->lock;
+    RetiredDeviceLocks.erase(retired);
+    return;
+  }
 }
 
 void SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated) {

@@ -36,9 +36,11 @@ SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int targe
 
 // A new device record with its own unowned DeviceLock, and its disposal.
 // The caller of the disposal holds DevicesMapLock; a DeviceLock that another
-// thread holds is retired, not deleted, until that thread unlocks it.
+// thread holds is retired, not deleted, until that thread unlocks it. Given
+// the record's key, a retired lock goes to the next record registered under
+// that key (see SCSI_RegisterDevice).
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath);
-void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record);
+void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey = "");
 
 // Takes the device's DeviceLock by polling (as SCSI_LockDevice) and returns
 // that very mutex, or null when the device is not registered. The holder

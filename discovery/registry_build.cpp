@@ -46,7 +46,7 @@ void PurgeDescriptorCache() {
 void PurgeRegistry() {
   SCSI_AcquireDevicesMapLock();
   PurgeDescriptorCache();
-  for (const auto& entry : DevicesMap) SCSI_DeleteDeviceProperties(entry.second);
+  for (const auto& entry : DevicesMap) SCSI_DeleteDeviceProperties(entry.second, entry.first);
   DevicesMap.clear();
   SCSI_ReleaseDevicesMapLock();
   {
