@@ -539,10 +539,18 @@ static int is_help(const char* argument) {
   return strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0 || strcmp(argument, "help") == 0;
 }
 
+#ifndef ASPITOOL_VERSION
+#define ASPITOOL_VERSION "unknown" /* the build gives the project's version */
+#endif
+
 int aspitool_main(int argc, char** argv, FILE* out, FILE* err) {
   if (argc < 2) {
     print_help(err);
     return ASPITOOL_USAGE;
+  }
+  if (strcmp(argv[1], "--version") == 0 && argc == 2) {
+    fprintf(out, "aspitool (libKavoASPI) %s\n", ASPITOOL_VERSION);
+    return ASPITOOL_OK;
   }
   if (is_help(argv[1]) && argc == 2) {
     print_help(out);
