@@ -83,10 +83,11 @@ TEST(Concurrency, AdapterCountsReadDuringABuild) {
   world.Load("drives");
   IsKernel26 = 1;
   std::vector<int> seen;
-  Competitor reader([&] { seen = {ASPI_GetNumControllers(), IsIDEAdapter(0), IsIDEAdapter(1)}; });
-  fixture::DriveAt(world, "/dev/sg1").onOpen = [&] { return reader.Start() ? 0 : EIO; };
-  SCSI_BuildRegistry();
-  reader.Start();
+  {  // seen is read after the reader's thread is joined
+    Competitor reader([&] { seen = {ASPI_GetNumControllers(), IsIDEAdapter(0), IsIDEAdapter(1)}; });
+    fixture::DriveAt(world, "/dev/sg1").onOpen = [&] { return reader.Start() ? 0 : EIO; };
+    SCSI_BuildRegistry();
+  }
   EXPECT_EQ((std::vector<int>{2, 1, 0}), seen);
 }
 
