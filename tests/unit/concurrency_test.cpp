@@ -84,6 +84,7 @@ TEST(Concurrency, ConcurrentAndRepeatedDoneAllReturn) {
   };
   world.threadsAllowed = true;
   SCSI_Init();
+  while (world.sleepCalls == 0) std::this_thread::yield();  // the monitor waits in its pause
   std::thread first(done);
   for (int waited = 0; waited < 1000 && returned < 3; ++waited) usleep(10000);
   if (returned != 3) fprintf(stderr, "only %d of 3 SCSI_Done calls returned\n", returned.load()), _exit(1);
