@@ -35,20 +35,22 @@ bool WorkTheCdDrive() {
   return true;
 }
 
-// Brings the monitor to the moment (a shell command changes the drives), says so, unloads.
-int Child(int pause, const char* change, bool waitForCallback, bool hold, bool done, bool fromAtexit, int said) {
+struct Row { const char* what; int pause; const char* change; bool callback, hold, done, fromAtexit; };
+
+// Brings the monitor to the row's moment (a shell command changes the drives), says so, unloads.
+int Child(const Row& row, int said) {
   alarm(20);
   ASPI_Callbacks callbacks = {Heard, Heard};
   if (!(library = dlopen("libKavoASPI.so", RTLD_NOW))) return 2;
   CALL(void (*)(ASPI_Callbacks*), "ASPI_putCallbacks", &callbacks);
   CALL(unsigned (*)(), "GetASPI32SupportInfo");  // builds the registry, starts the monitor
-  if (pause >= 0 && !WorkTheCdDrive()) return 3;
-  if (hold && CALL(int (*)(int, int), "ASPI_setExclusiveMode", 0, 0) != 0) return 4;  // a rescan waits for it
-  if (change && system(change) != 0) return 5;
-  for (sleep(pause > 0 ? pause : 0); waitForCallback && !heard;) usleep(10000);
-  if (done) CALL(void (*)(), "SCSI_Done");
+  if (row.pause >= 0 && !WorkTheCdDrive()) return 3;
+  if (row.hold && CALL(int (*)(int, int), "ASPI_setExclusiveMode", 0, 0) != 0) return 4;  // a rescan waits for it
+  if (row.change && system(row.change) != 0) return 5;
+  for (sleep(row.pause > 0 ? row.pause : 0); row.callback && !heard;) usleep(10000);
+  if (row.done) CALL(void (*)(), "SCSI_Done");
   if (write(said, "u", 1) != 1) return 6;
-  fromAtexit ? atexit(Unload) : (Unload(), 0);
+  row.fromAtexit ? atexit(Unload) : (Unload(), 0);
   return 0;
 }
 
@@ -57,21 +59,20 @@ int Child(int pause, const char* change, bool waitForCallback, bool hold, bool d
 int main() {
   const char* went = "echo 1 > /sys/bus/scsi/devices/0:0:1:0/delete";
   const char* came = "echo '0 1 0' > /sys/class/scsi_host/host0/scan";
-  const struct { const char* what; int pause; const char* change; bool callback, hold, done, fromAtexit; } rows[] = {
+  const Row rows[] = {
       {"as it starts (no work first)", -1, nullptr, false, false, false, false},
-      {"as it starts (no work first)", -1, nullptr, false, false, false, true},
       {"in its pause", 1, nullptr, false, false, false, false},
       {"in its pause, after SCSI_Done", 1, nullptr, false, false, true, true},
       {"in its callbacks after a rescan (a drive went)", 0, went, true, false, false, true},
       {"in a rescan waiting for a hold (a drive came)", 6, came, false, true, false, false},
   };
   int failed = 0;
-  for (const auto& row : rows) {
+  for (const Row& row : rows) {
     int ends[2], status = -1, waited = 0;
     char said = 0;
-    if (pipe(ends) != 0) return 1;
+    if (pipe(ends) != 0 || fflush(stdout) != 0) return 1;
     const pid_t child = fork();
-    if (child == 0) _exit(Child(row.pause, row.change, row.callback, row.hold, row.done, row.fromAtexit, ends[1]));
+    if (child == 0) exit(Child(row, ends[1]));  // exit: the atexit handlers and the library's teardown run
     close(ends[1]);
     const bool unloading = read(ends[0], &said, 1) == 1;  // the child's own failures end it too
     close(ends[0]);
@@ -80,7 +81,6 @@ int main() {
     const bool ok = unloading && waited <= 500 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     printf("%s - unloading %s while the monitor is %s ends within 5 s (status %d)\n", ok ? "ok" : "not ok",
            row.fromAtexit ? "from an atexit handler" : "in main", row.what, status);
-    fflush(stdout);
     failed += !ok;
   }
   // Kept loaded (even unused, as here): no unload ever waits for the monitor under the loader's lock.
