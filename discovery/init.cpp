@@ -44,9 +44,11 @@ void StartHal() {
 // outlive the maps, lists and locks it uses. The library is linked with
 // -z nodelete, so dlclose never unmaps it and never runs this: an unload
 // would otherwise wait here for the monitor with the dynamic loader's lock
-// held, while the monitor may need that very lock (a first thread_local
-// with a destructor, lazy binding). The monitor is stopped at process exit
-// only, where exit handlers run without the loader's lock.
+// held, while the monitor may need that very lock (a thread_local with a
+// destructor registers under it at its first use). So an application that
+// unloads without SCSI_Done gets dlclose back at once, at any moment of the
+// monitor's cycle; the monitor (and its callbacks) go on until process
+// exit, whose handlers run without the loader's lock and stop it here.
 struct MonitorTeardown {
   ~MonitorTeardown() { SCSI_StopMonitor(); }
 };
