@@ -82,6 +82,9 @@ class RequestDescriptor {
   RequestDescriptor& operator=(const RequestDescriptor&) = delete;
 
   bool IsOpen() const { return request_.fd != -1; }
+  // The kind of the host the device was found on, whatever a rebuild has
+  // made of the adapters since.
+  bool OnRealScsiHost() const { return request_.onRealScsiHost; }
   int fd() const { return request_.fd; }
   // The path follows the node that was found, never a count that a rebuild
   // may be resetting meanwhile. Only for a device that is not registered
@@ -227,9 +230,11 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
   if (dataIn != 0) {
     memcpy(srb->SRB_BufPointer, buffers.reply() + kHeaderLength, dataIn);
     // A drive behind an emulated host reports ANSI version 0, as it would
-    // on a plain ATAPI bus.
+    // on a plain ATAPI bus. The host's kind is the one recorded with the
+    // device the request found, not the adapter map's now: a rebuild while
+    // the command was out may have emptied it.
     if (srb->CDBByte[0] == kInquiry && dataIn >= 3 && (srb->SRB_BufPointer[2] & kAnsiVersionMask) != 0 &&
-        IsRealScsiAdapter(device.host) == 0)
+        !descriptor.OnRealScsiHost())
       srb->SRB_BufPointer[2] &= static_cast<unsigned char>(~kAnsiVersionMask);
   }
   if (srb->SRB_SenseLen != 0)

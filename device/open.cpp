@@ -144,12 +144,13 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
 // a request.) The node kind comes from the same record, so the path a
 // request takes always fits its node.
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
-  SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr};
+  SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr, false};
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
   if (device == nullptr) return request;
   request.registered = true;
   request.kind = KindOfNode(device->DevicePath.GetString());
+  request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
   if (request.kind == kIdeNode && !ideCommandFits) return request;
   request.pinned = PinHeldDescriptor(*device, &request.fd);
   // Tried before the open: the record is not read again after it.

@@ -14,6 +14,7 @@ struct SCSI_RequestDescriptor {
   // calling thread; null when it was busy (the request then polls for it).
   // Given back with SCSI_UnlockDeviceLock.
   CPosixMutex* deviceLock;
+  bool onRealScsiHost;  // the found record's SCSI_IsOnRealScsiHost
 };
 
 // The cached descriptor of a drive held exclusively, pinned (the caller

@@ -18,8 +18,8 @@ char kUnknownAdapterName[] = "unknown";
 
 char* pszUnknownHA = kUnknownAdapterName;
 
-int IdeAdapterCount = 0;
-int ControllerCount = 0;
+std::atomic<int> IdeAdapterCount(0);
+std::atomic<int> ControllerCount(0);
 
 CPosixMutex RescanLock(0);
 CPosixMutex DevicesMapLock(0);
@@ -27,6 +27,12 @@ CPosixMutex HostAdaptersMapLock(0);
 CPosixMutex OpenedDevicesMapLock(0);
 
 namespace {
+
+// What the library allocates for each device: the exported record, and the
+// kind of its adapter at the build that found it.
+struct RegisteredDevice : SCSI_DeviceProperties {
+  bool onRealScsiHost;
+};
 
 // Cached descriptors in use by requests; guarded by OpenedDevicesMapLock.
 // Few at a time, so a list; its capacity is kept, so pinning does not
@@ -153,11 +159,16 @@ SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int targe
   return found == DevicesMap.end() ? nullptr : found->second;
 }
 
-SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath) {
-  SCSI_DeviceProperties* record = new SCSI_DeviceProperties;
+SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost) {
+  RegisteredDevice* record = new RegisteredDevice;
   record->DevicePath = devicePath;
   record->DeviceLock = new CPosixMutex(0);
+  record->onRealScsiHost = onRealScsiHost;
   return record;
+}
+
+bool SCSI_IsOnRealScsiHost(const SCSI_DeviceProperties* record) {
+  return static_cast<const RegisteredDevice*>(record)->onRealScsiHost;
 }
 
 // A request keeps the lock it took, not the record: it unlocks that very
@@ -171,7 +182,7 @@ void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicStri
     RetiredDeviceLocks.push_back({deviceKey, record->DeviceLock});
   else
     delete record->DeviceLock;
-  delete record;
+  delete static_cast<RegisteredDevice*>(record);
 }
 
 CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun) {
@@ -248,13 +259,15 @@ void SCSI_RegisterDevice(const CBasicString<char>& deviceKey, SCSI_DevicePropert
   }
 }
 
-void SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated) {
+bool SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated) {
   CPosixSingleLock hold(&HostAdaptersMapLock, 1);
   SCSI_HostAdapterProperties*& slot = HostAdaptersMap[adapter];
-  if (slot != nullptr) return;
-  slot = new SCSI_HostAdapterProperties;
-  slot->AdapterName = name;
-  slot->IsEmulated = isEmulated;
+  if (slot == nullptr) {
+    slot = new SCSI_HostAdapterProperties;
+    slot->AdapterName = name;
+    slot->IsEmulated = isEmulated;
+  }
+  return slot->IsEmulated == 0;
 }
 
 int ASPI_GetNumControllers() { return ControllerCount; }

@@ -1,11 +1,14 @@
 // Registry state and helpers shared inside the library.
 #pragma once
 
+#include <atomic>
+
 #include "device/registry.h"
 
-// Numbering state, written only while a registry build runs.
-extern int IdeAdapterCount;
-extern int ControllerCount;
+// Numbering state, written only while a registry build runs and read
+// without a lock (a reader during a build may see a partial count).
+extern std::atomic<int> IdeAdapterCount;
+extern std::atomic<int> ControllerCount;
 
 // Lock order: RescanLock, DevicesMapLock, OpenedDevicesMapLock. The
 // HostAdaptersMapLock is never held together with DevicesMapLock.
@@ -35,12 +38,24 @@ CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun);
 
 // A new device record with its own unowned DeviceLock, and its disposal.
+// The record also keeps whether its adapter is a real SCSI host (see
+// SCSI_IsOnRealScsiHost); SCSI_DeleteDeviceProperties alone may free it.
 // The caller of the disposal holds DevicesMapLock; a DeviceLock that another
 // thread holds is retired, not deleted, until that thread unlocks it. Given
 // the record's key, a retired lock goes to the next record registered under
 // that key (see SCSI_RegisterDevice).
-SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath);
+SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost);
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey = "");
+
+// Whether the adapter of a record made by SCSI_NewDeviceProperties was a
+// real SCSI host (as IsRealScsiAdapter answered) when its build found it.
+// Read with DevicesMapLock held, like the record. An INQUIRY asks this of
+// the record it found its device by, not IsRealScsiAdapter after its
+// exchange: by then a rebuild may have purged the adapters (or the drive
+// left), and a real host would read as emulated. The exported record's
+// layout stays as it is; the flag lives in the library's own extension of
+// it.
+bool SCSI_IsOnRealScsiHost(const SCSI_DeviceProperties* record);
 
 // Takes the device's DeviceLock by polling (as SCSI_LockDevice) and returns
 // that very mutex, or null when the device is not registered. The holder
@@ -58,8 +73,9 @@ CBasicString<char> SCSI_CopyAdapterName(int n);
 void SCSI_RegisterDevice(const CBasicString<char>& deviceKey, SCSI_DeviceProperties* record);
 
 // Stores an adapter record under adapter unless a record is there already.
-// Takes HostAdaptersMapLock itself.
-void SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
+// Takes HostAdaptersMapLock itself. Returns whether the adapter's record
+// (the one stored now or the one found) is of a real SCSI host.
+bool SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
 
 // A request to a drive held exclusively uses the cache's own descriptor
 // rather than a copy of it, and pins it for that time: the number must not

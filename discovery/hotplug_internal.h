@@ -45,6 +45,10 @@ void SCSI_ClearProcScsiDeviceList(SCSI_ProcScsiDeviceList& list);
 void SCSI_ClearSysBlockDeviceList(SCSI_SysBlockDeviceList& list);
 void SCSI_ClearHalDeviceList(SCSI_HalDeviceList& list);
 
+// Destroys the records of every snapshot list, under SnapshotMutex: the
+// first snapshot of a monitor that could not be started.
+void SCSI_DropSnapshots();
+
 // /proc/scsi/scsi's records, parsed from the file's text; presence is not
 // checked. Ends at the first record cut short.
 void SCSI_ParseProcScsiText(const std::string& text, SCSI_ProcScsiDeviceList& list);

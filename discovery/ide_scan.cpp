@@ -74,7 +74,7 @@ void RegisterInterface(int adapter, const std::vector<char>& letters) {
     char node[kDrivePathSize];
     snprintf(node, sizeof node, "/dev/hd%c", letters[target]);
     SCSI_RegisterDevice(SCSI_MakeDeviceKey(adapter, 0, static_cast<int>(target), 0),
-                        SCSI_NewDeviceProperties(node));
+                        SCSI_NewDeviceProperties(node, true));
     SCSI_RegisterAdapter(adapter, "ide-cdrom", 0);
   }
 }
@@ -88,5 +88,5 @@ void SCSI_ScanIdeDevices() {
     RegisterInterface(ControllerCount, letters);
     ++ControllerCount;
   }
-  IdeAdapterCount = ControllerCount;
+  IdeAdapterCount = ControllerCount.load();
 }

@@ -13,11 +13,21 @@
 #include "runtime/os.h"
 
 int IsKernel26 = 0;
-int MonitorRunning = 0;
-pthread_t MonitorThread;
 std::atomic<int> MonitorStopRequest(0);
 
 namespace {
+
+// The monitor's life, guarded by MonitorLifeMutex: no thread yet, running,
+// or being stopped by one SCSI_Done (which joins it without the mutex held,
+// so that the monitor itself may still call SCSI_Done from a callback).
+// Every other caller waits for MonitorStopped: the thread is joined once,
+// and SCSI_Done returns only when it is gone. A libc mutex and condition,
+// statically initialised, so that a stop at process exit finds them usable.
+enum class MonitorState { kNone, kRunning, kStopping };
+pthread_mutex_t MonitorLifeMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t MonitorStopped = PTHREAD_COND_INITIALIZER;
+MonitorState Monitor = MonitorState::kNone;
+pthread_t MonitorThread;
 
 bool RunningKernelIs26OrLater() {
   struct utsname system;
@@ -30,8 +40,15 @@ void StartHal() {
   if (!libhal_support_init()) libhal_support_done();
 }
 
-// For an application that unloads the library or exits without SCSI_Done:
-// the monitor must not outlive the maps, lists and locks it uses.
+// For an application that exits without SCSI_Done: the monitor must not
+// outlive the maps, lists and locks it uses. The library is linked with
+// -z nodelete, so dlclose never unmaps it and never runs this: an unload
+// would otherwise wait here for the monitor with the dynamic loader's lock
+// held, while the monitor may need that very lock (a thread_local with a
+// destructor registers under it at its first use). So an application that
+// unloads without SCSI_Done gets dlclose back at once, at any moment of the
+// monitor's cycle; the monitor (and its callbacks) go on until process
+// exit, whose handlers run without the loader's lock and stop it here.
 struct MonitorTeardown {
   ~MonitorTeardown() { SCSI_StopMonitor(); }
 };
@@ -41,20 +58,34 @@ void StartMonitor(SCSI_MonitorFunction monitor) {
   // static destruction runs in reverse order, so the monitor is joined
   // before any of them is destroyed.
   static MonitorTeardown teardown;
-  MonitorRunning = 1;
-  if (kavo::os::StartThread(&MonitorThread, monitor, nullptr) != 0) MonitorRunning = 0;
+  pthread_mutex_lock(&MonitorLifeMutex);
+  const bool started = kavo::os::StartThread(&MonitorThread, monitor, nullptr) == 0;
+  if (started) Monitor = MonitorState::kRunning;
+  pthread_mutex_unlock(&MonitorLifeMutex);
+  // A monitor that never runs leaves no snapshot behind.
+  if (!started) SCSI_DropSnapshots();
 }
 
 }  // namespace
 
 // Asks the monitor to stop and waits for it: at most the cycle in progress
 // (a rescan waiting for exclusive holds gives up) and one second of pause.
+// The monitor's own call (from a callback) returns at once.
 void SCSI_StopMonitor() {
-  if (MonitorRunning != 1 || pthread_equal(MonitorThread, pthread_self())) return;
-  MonitorStopRequest.store(1);
-  pthread_join(MonitorThread, nullptr);
-  MonitorRunning = 0;
-  MonitorStopRequest.store(0);
+  pthread_mutex_lock(&MonitorLifeMutex);
+  const bool onMonitor = Monitor != MonitorState::kNone && pthread_equal(MonitorThread, pthread_self());
+  if (Monitor == MonitorState::kRunning && !onMonitor) {
+    Monitor = MonitorState::kStopping;
+    MonitorStopRequest.store(1);
+    pthread_mutex_unlock(&MonitorLifeMutex);
+    pthread_join(MonitorThread, nullptr);
+    pthread_mutex_lock(&MonitorLifeMutex);
+    Monitor = MonitorState::kNone;
+    MonitorStopRequest.store(0);
+    pthread_cond_broadcast(&MonitorStopped);
+  }
+  while (Monitor == MonitorState::kStopping && !onMonitor) pthread_cond_wait(&MonitorStopped, &MonitorLifeMutex);
+  pthread_mutex_unlock(&MonitorLifeMutex);
 }
 
 bool SCSI_IsKernel26Release(char const* release) {

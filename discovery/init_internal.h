@@ -10,14 +10,13 @@
 // sysfs adapter names, HAL and the skipping of "ide-scsi" hosts.
 extern int IsKernel26;
 
-// The hot-plug monitor thread, when one runs. SCSI_Done raises the stop
-// request and joins; a rescan waiting for exclusive holds gives up on it.
-extern int MonitorRunning;
-extern pthread_t MonitorThread;
+// Raised while SCSI_Done stops the hot-plug monitor; a rescan waiting for
+// exclusive holds gives up on it.
 extern std::atomic<int> MonitorStopRequest;
 
-// Stops and joins the monitor thread when one runs (SCSI_Done, and the
-// registry's release at unload).
+// Stops and joins the monitor thread when one runs (SCSI_Done, and process
+// exit). Concurrent and repeated calls are safe: the thread is joined once
+// and every caller returns once it has ended.
 void SCSI_StopMonitor();
 
 // True for a "%d.%d.%d" release of 2.6 or later.

@@ -210,6 +210,14 @@ void* SCSI_ProcScsiMonitor(void*) {
   return nullptr;
 }
 
+void SCSI_DropSnapshots() {
+  pthread_mutex_lock(&SnapshotMutex);
+  SCSI_ClearHalDeviceList(HalDeviceList);
+  SCSI_ClearSysBlockDeviceList(SysBlockDeviceList);
+  SCSI_ClearProcScsiDeviceList(ProcScsiDeviceList);
+  pthread_mutex_unlock(&SnapshotMutex);
+}
+
 SCSI_MonitorFunction SCSI_TakeFirstSnapshot() {
   SCSI_MonitorFunction monitor = nullptr;
   pthread_mutex_lock(&SnapshotMutex);

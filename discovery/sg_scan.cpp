@@ -60,11 +60,12 @@ void RegisterNode(int fd, char const* path, const SCSI_NodeAddress& address) {
   else FindDriverNameInProcScsi(address.host, name);
   const int emulated = ReportsEmulatedHost(fd);
   const int adapter = IdeAdapterCount + address.host;
-  // The first node of a host decides its adapter's name and flag.
-  SCSI_RegisterAdapter(adapter, name, emulated);
+  // The first node of a host decides its adapter's name and flag; its
+  // devices keep that flag (see SCSI_IsOnRealScsiHost).
+  const bool realHost = SCSI_RegisterAdapter(adapter, name, emulated);
   if (SCSI_IsIdeScsiHost(address.host)) return;
   SCSI_RegisterDevice(SCSI_MakeDeviceKey(adapter, address.channel, address.target, address.lun),
-                      SCSI_NewDeviceProperties(path));
+                      SCSI_NewDeviceProperties(path, realHost));
   if (ControllerCount < adapter + 1) ControllerCount = adapter + 1;
 }
 

@@ -1,0 +1,108 @@
+// Races caught every run: a drive's exchange, a node's open or the monitor's
+// pause starts the competing work at the moment the race needs. tests/run-all
+// runs them under drd too, which catches the unordered adapter counts.
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <functional>
+#include <thread>
+
+#include "aspi/execute_internal.h"
+#include "device/registry.h"
+#include "discovery/hotplug_internal.h"
+#include "discovery/init.h"
+#include "discovery/init_internal.h"
+#include "tests/fixture/emulated_drive.h"
+
+namespace {
+
+// Work on a thread started ahead and handed over through atomics only, so a
+// race detector sees it as concurrent with its starter. Start waits for its
+// end, at most patience (ms); true when it ended.
+struct Competitor {
+  explicit Competitor(std::function<void()> work)
+      : thread([this, work] {
+          while (step == 0) std::this_thread::yield();
+          if (step == 1) work();
+          step = 2;
+        }) {}
+  ~Competitor() { Begin(3), thread.join(); }  // 3: never started, ends without working
+  void Begin(int how) { int idle = 0; step.compare_exchange_strong(idle, how); }
+  bool Start(int patience = 20000) {
+    Begin(1);
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(patience);
+         step != 2 && std::chrono::steady_clock::now() < end;)
+      std::this_thread::yield();
+    return step == 2;
+  }
+  std::atomic<int> step{0};
+  std::thread thread;
+};
+
+// "drives": sg1 is target 4 of adapter 3, a real host. It leaves and the registry is
+// rebuilt while its INQUIRY is out; the version stays as the drive sent it.
+TEST(Concurrency, InquiryKeepsTheHostKindItsDeviceWasFoundOn) {
+  fixture::FixtureWorld world;
+  fixture::BuildRegistry(world, "drives");
+  Competitor rebuild([&] { world.Remove("/dev/sg1"), SCSI_BuildRegistry(); });
+  fixture::DriveAt(world, "/dev/sg1").onExchange = [&] { rebuild.Start(); };
+  unsigned char data[36] = {};
+  SRB_ExecSCSICmd srb = {};
+  srb.SRB_HaId = 3, srb.SRB_Target = 4, srb.SRB_Flags = SRB_DIR_IN, srb.SRB_BufLen = 36, srb.SRB_BufPointer = data;
+  srb.SRB_CDBLen = 6, srb.CDBByte[0] = 0x12, srb.CDBByte[4] = 36;
+  ASPI_ExecuteSRB(&srb);
+  EXPECT_EQ(0x05, data[2]);
+}
+
+// Read while the SCSI pass opens sg1, after sg0 (adapter 1 behind one IDE adapter) is in.
+TEST(Concurrency, AdapterCountsReadDuringABuild) {
+  fixture::FixtureWorld world;
+  world.Load("drives");
+  IsKernel26 = 1;
+  std::vector<int> seen;
+  {  // seen is read after the reader's thread is joined
+    Competitor reader([&] { seen = {ASPI_GetNumControllers(), IsIDEAdapter(0), IsIDEAdapter(1)}; });
+    fixture::DriveAt(world, "/dev/sg1").onOpen = [&] { return reader.Start() ? 0 : EIO; };
+    SCSI_BuildRegistry();
+  }
+  EXPECT_EQ((std::vector<int>{2, 1, 0}), seen);
+}
+
+// Two more SCSI_Done calls while the first stops the monitor (started from its
+// pause at the stop request), then one more: all return, within 10 s.
+TEST(Concurrency, ConcurrentAndRepeatedDoneAllReturn) {
+  fixture::FixtureWorld world;
+  world.Load("drives");
+  std::atomic<int> returned(0);
+  auto done = [&returned] { SCSI_Done(), ++returned; };
+  Competitor second(done), third(done);
+  world.sleepHook = [&](unsigned long calls) {
+    while (calls == 1 && MonitorStopRequest.load() == 0) std::this_thread::yield();
+    if (calls == 1) second.Start(200), third.Start(200);
+  };
+  world.threadsAllowed = true;
+  SCSI_Init();
+  while (world.sleepCalls == 0) std::this_thread::yield();  // the monitor waits in its pause
+  std::thread first(done);
+  for (int waited = 0; waited < 1000 && returned < 3; ++waited) usleep(10000);
+  if (returned != 3) fprintf(stderr, "only %d of 3 SCSI_Done calls returned\n", returned.load()), _exit(1);
+  first.join();
+  done();
+}
+
+// A monitor that cannot start (the world refuses threads) leaves no first snapshot of
+// drive A: the heap's bytes in use end where they began, after a round to warm up.
+TEST(Concurrency, FirstSnapshotFreedWhenTheMonitorCannotStart) {
+  fixture::FixtureWorld world;
+  world.Load("ide_and_scsi"), world.Load("hotplug/a");
+  size_t before = 0;
+  for (int round = 0; round < 2; ++round) {
+    SCSI_ClearSysBlockDeviceList(SysBlockDeviceList);
+    before = mallinfo2().uordblks;
+    SCSI_Init(), SCSI_ResetDiscoveryState();
+  }
+  EXPECT_EQ(before, mallinfo2().uordblks);
+}
+
+}  // namespace
