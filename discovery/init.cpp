@@ -53,11 +53,25 @@ struct MonitorTeardown {
   ~MonitorTeardown() { SCSI_StopMonitor(); }
 };
 
+// A child forked while the monitor runs has no monitor thread of its own:
+// were it to exit() through the teardown above, it would join a thread that
+// does not exist in it (undefined; glibc happens to return at once). The
+// mutex and condition may have been held by another thread at the fork, so
+// they start afresh too.
+void ForgetMonitorInChild() {
+  MonitorLifeMutex = PTHREAD_MUTEX_INITIALIZER;
+  MonitorStopped = PTHREAD_COND_INITIALIZER;
+  Monitor = MonitorState::kNone;
+  MonitorStopRequest.store(0);
+}
+
 void StartMonitor(SCSI_MonitorFunction monitor) {
   // Constructed at the first start, so after every global of the library;
   // static destruction runs in reverse order, so the monitor is joined
   // before any of them is destroyed.
   static MonitorTeardown teardown;
+  static const int forkHandler = pthread_atfork(nullptr, nullptr, ForgetMonitorInChild);
+  (void)forkHandler;
   pthread_mutex_lock(&MonitorLifeMutex);
   const bool started = kavo::os::StartThread(&MonitorThread, monitor, nullptr) == 0;
   if (started) Monitor = MonitorState::kRunning;
