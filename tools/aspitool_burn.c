@@ -329,7 +329,7 @@ static int burn_image(Burn* burn, FILE* out, FILE* err) {
   const double seconds = aspitool_now() - start;
   catch_interrupt(0); /* the disc is finished: the read-back may be cut short */
   if (burn->verify && verify(burn) != ASPITOOL_OK) return ASPITOOL_FAILED;
-  fprintf(out, "burned \"%s\" onto the DVD+R in %u:%u:%u: %llu blocks (%.1f MiB) in %.1f s (%.1f MiB/s); %s\n",
+  fprintf(out, "burned \"%s\" onto the DVD+R in %u:%u:%u: %llu blocks (%.1f MiB) in %.2f s (%.1f MiB/s); %s\n",
           burn->path, burn->address.adapter, burn->address.target, burn->address.lun, burn->blocks, MIB(burn->blocks),
           seconds, seconds > 0 ? MIB(burn->blocks) / seconds : 0.0,
           burn->verify ? "verified: the disc reads back equal to the image" : "not verified (--no-verify)");
