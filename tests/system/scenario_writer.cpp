@@ -67,14 +67,16 @@ std::string Run(int target, const Row& row) {
   srb.CDBByte[7] = row.blocks >> 8, srb.CDBByte[8] = row.blocks;
   posts = 0;
   SendASPI32Command(&srb);
-  char got[160];
-  snprintf(got, sizeof got, "status %d, SRB_TargStat %d, posted %d times", srb.SRB_Status, srb.SRB_TargStat, posts);
-  bool right = srb.SRB_Status == row.status && srb.SRB_TargStat == row.targStat && posts == 1;
-  for (unsigned i = 0; row.flags == IN && i < data.size(); ++i) right &= data[i] == Pattern(row.lba + i / 2048, i % 2048);
+  bool dataRight = true;
+  for (unsigned i = 0; row.flags == IN && i < data.size(); ++i) dataRight &= data[i] == Pattern(row.lba + i / 2048, i % 2048);
   const unsigned char* sense = srb.SenseArea;
-  if (row.targStat == 5)
-    right &= (sense[0] & 0x7F) == 0x70 && (sense[2] & 0x0F) == 5 && sense[12] == 0x30 && sense[13] == 5 &&
-             sense[14] == 0xAA && sense[15] == 0xAA;
+  const bool senseRight = row.targStat != 5 || ((sense[0] & 0x7F) == 0x70 && (sense[2] & 0x0F) == 5 && sense[12] == 0x30 &&
+                                                sense[13] == 5 && sense[14] == 0xAA && sense[15] == 0xAA);
+  char got[200];
+  snprintf(got, sizeof got, "status %d, SRB_TargStat %d, posted %d times, data %s, sense %02X/%X/%02X/%02X then %02X %02X",
+           srb.SRB_Status, srb.SRB_TargStat, posts, dataRight ? "right" : "wrong", sense[0], sense[2] & 0x0F, sense[12],
+           sense[13], sense[14], sense[15]);
+  const bool right = srb.SRB_Status == row.status && srb.SRB_TargStat == row.targStat && posts == 1 && dataRight && senseRight;
   return right ? "" : got;
 }
 
