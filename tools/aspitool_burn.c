@@ -79,7 +79,7 @@ static int ask(const AspitoolAddress* address, const char* what, const unsigned 
 
 /* Free blocks of the last track (the one to write next) and, for a disc
  * that is not blank, the blocks in use (READ CAPACITY). */
-static int read_capacity(const AspitoolAddress* address, const unsigned char* discInformation, Medium* medium,
+static int read_space(const AspitoolAddress* address, const unsigned char* discInformation, Medium* medium,
                          FILE* err) {
   unsigned char answer[TRACK_INFORMATION_LENGTH];
   if (medium->status == BLANK || medium->status == APPENDABLE) {
@@ -120,7 +120,7 @@ static int read_medium(const AspitoolAddress* address, Medium* medium, FILE* err
     return aspitool_report_failure(err, "READ DISC INFORMATION", address, &srb);
   }
   medium->status = discInformation[2] & 0x03;
-  return read_capacity(address, discInformation, medium, err);
+  return read_space(address, discInformation, medium, err);
 }
 
 static const char* profile_name(unsigned code) {
@@ -202,8 +202,11 @@ static void tell_disc_left(const Burn* burn, FILE* err) {
   FILE* quiet = fopen("/dev/null", "w");
   const int known = read_medium(&burn->address, &medium, quiet != NULL ? quiet : err) == ASPITOOL_OK;
   if (quiet != NULL) fclose(quiet);
-  fprintf(err, "aspitool: the disc holds the first %llu of the image's %llu blocks in a track left open (not closed)",
-          burn->written, burn->blocks);
+  if (burn->written == 0)
+    fprintf(err, "aspitool: nothing was written to the disc");
+  else
+    fprintf(err, "aspitool: the disc holds the first %llu of the image's %llu blocks in a track left open (not closed)",
+            burn->written, burn->blocks);
   if (known) fprintf(err, "; the drive reports it %s", statusWords[medium.status]);
   fputs("\n", err);
 }
@@ -243,7 +246,8 @@ static int write_blocks(Burn* burn, FILE* err) {
   free(buffer);
   /* Whatever happened, what was written reaches the disc. */
   const int synchronized = synchronize_cache(burn, err);
-  if (interrupted && result == ASPITOOL_OK) {
+  /* An interruption after the last transfer changes nothing: the disc is finished. */
+  if (interrupted && result == ASPITOOL_OK && burn->written < burn->blocks) {
     fprintf(err, "aspitool: interrupted: writing stopped after %llu of %llu blocks%s\n", burn->written,
             burn->blocks, synchronized == ASPITOOL_OK ? "; the drive's cache is synchronised" : "");
     result = ASPITOOL_FAILED;
