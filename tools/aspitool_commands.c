@@ -404,7 +404,6 @@ int aspitool_read_blocks(const Address* address, unsigned long long lba, unsigne
       result = ASPITOOL_FAILED;
     } else {
       result = sink(context, buffer, blocks, at);
-      if (result != ASPITOOL_OK) aspitool_progress_end(&progress);
     }
     done += blocks;
     if (result == ASPITOOL_OK) aspitool_progress_update(&progress, done);
@@ -581,8 +580,9 @@ static const Command commands[] = {
      "free to write (READ TRACK INFORMATION), each also in MiB.", 1, 1, aspitool_run_disc},
     {"write", "[--no-verify] A:T:L IMAGE",
      "Burns the file IMAGE (an ISO image) onto the blank DVD+R in the drive at\n"
-     "A:T:L. First it checks that the drive can write, holds a blank DVD+R and\n"
-     "that the disc has room for the image; an image whose size is not a\n"
+     "A:T:L. First it checks that the drive can write, holds a blank DVD+R (or\n"
+     "DVD+R DL; other discs are refused) and that the disc has room for the\n"
+     "image; an image whose size is not a\n"
      "multiple of 2048 bytes is padded with zeros to the next block, which it\n"
      "says. It then writes the image from block 0 with WRITE(10) in transfers\n"
      "no larger than the adapter's maximum, synchronises the drive's cache\n"
