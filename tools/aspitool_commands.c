@@ -1,23 +1,22 @@
 /* aspitool's commands: scan, inquiry, toc, read and watch, through ASPI
- * exactly as an application uses it. */
+ * exactly as an application uses it (disc and write: aspitool_burn.c). */
 #include "tools/aspitool_commands.h"
 
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
-#define BLOCK_SIZE 2048u
+#define BLOCK_SIZE ASPITOOL_BLOCK_SIZE
 #define INQUIRY_LENGTH 96u
 #define TOC_LENGTH 804u /* header and 100 descriptors: the most a disc has */
 #define LUNS_PER_TARGET 8
 #define SENSE_LENGTH 16
 #define UNIT_ATTENTION_RETRIES 3
 
-typedef struct {
-  unsigned char adapter, target, lun;
-} Address;
+typedef AspitoolAddress Address;
 
 typedef struct {
   const char* name;
@@ -160,8 +159,7 @@ static int parse_address(const char* text, Address* address) {
 
 static int adapter_count(void) { return (int)(GetASPI32SupportInfo() & 0xFF); }
 
-/* The address of a command, checked against the adapters ASPI reports. */
-static int take_address(const char* text, Address* address, FILE* err) {
+int aspitool_take_address(const char* text, Address* address, FILE* err) {
   if (!parse_address(text, address)) {
     fprintf(err, "aspitool: bad device address \"%s\": expected ADAPTER:TARGET:LUN, each 0 to 255\n", text);
     return ASPITOOL_USAGE;
@@ -187,19 +185,19 @@ static int is_unit_attention(const SRB_ExecSCSICmd* srb) {
   return srb->SRB_Status == SS_ERR && is_fixed_sense(srb->SenseArea) && (srb->SenseArea[2] & 0x0F) == 0x06;
 }
 
-/* Runs one command with data in; the request has completed on return. A
- * UNIT ATTENTION (a reset, a changed medium or LUN inventory, told once)
+/* A UNIT ATTENTION (a reset, a changed medium or LUN inventory, told once)
  * means the drive did not carry the command out: it is sent again. */
-static unsigned char execute_in(const Address* address, const unsigned char* cdb, unsigned char cdbLength,
-                                unsigned char* buffer, unsigned int length, SRB_ExecSCSICmd* srb) {
+unsigned char aspitool_execute(const Address* address, const unsigned char* cdb, unsigned char cdbLength,
+                               unsigned char* buffer, unsigned int length, unsigned char flags,
+                               SRB_ExecSCSICmd* srb) {
   for (int attempt = 0;; ++attempt) {
     memset(srb, 0, sizeof *srb);
-    memset(buffer, 0, length);
+    if (flags & SRB_DIR_IN) memset(buffer, 0, length);
     srb->SRB_Cmd = SC_EXEC_SCSI_CMD;
     srb->SRB_HaId = address->adapter;
     srb->SRB_Target = address->target;
     srb->SRB_Lun = address->lun;
-    srb->SRB_Flags = SRB_DIR_IN;
+    srb->SRB_Flags = flags;
     srb->SRB_BufLen = length;
     srb->SRB_BufPointer = buffer;
     srb->SRB_SenseLen = SENSE_LENGTH;
@@ -208,6 +206,11 @@ static unsigned char execute_in(const Address* address, const unsigned char* cdb
     SendASPI32Command(srb);
     if (!is_unit_attention(srb) || attempt == UNIT_ATTENTION_RETRIES) return srb->SRB_Status;
   }
+}
+
+static unsigned char execute_in(const Address* address, const unsigned char* cdb, unsigned char cdbLength,
+                                unsigned char* buffer, unsigned int length, SRB_ExecSCSICmd* srb) {
+  return aspitool_execute(address, cdb, cdbLength, buffer, length, SRB_DIR_IN, srb);
 }
 
 /* The device's peripheral type as ASPI reports it, or SS_NO_DEVICE when
@@ -229,7 +232,7 @@ static unsigned char inquire_device(const Address* address, unsigned char* data,
   return execute_in(address, cdb, sizeof cdb, data, INQUIRY_LENGTH, srb);
 }
 
-static int report_failure(FILE* err, const char* what, const Address* address, const SRB_ExecSCSICmd* srb) {
+int aspitool_report_failure(FILE* err, const char* what, const Address* address, const SRB_ExecSCSICmd* srb) {
   fprintf(err, "aspitool: %s of %u:%u:%u failed: ", what, address->adapter, address->target, address->lun);
   aspitool_describe_failure(err, srb);
   return ASPITOOL_FAILED;
@@ -309,11 +312,11 @@ static int run_scan(char** arguments, int count, FILE* out, FILE* err) {
 static int run_inquiry(char** arguments, int count, FILE* out, FILE* err) {
   (void)count;
   Address address;
-  const int checked = take_address(arguments[0], &address, err);
+  const int checked = aspitool_take_address(arguments[0], &address, err);
   if (checked != ASPITOOL_OK) return checked;
   unsigned char data[INQUIRY_LENGTH];
   SRB_ExecSCSICmd srb;
-  if (inquire_device(&address, data, &srb) != SS_COMP) return report_failure(err, "INQUIRY", &address, &srb);
+  if (inquire_device(&address, data, &srb) != SS_COMP) return aspitool_report_failure(err, "INQUIRY", &address, &srb);
   char vendor[9], product[17], revision[5];
   copy_text(vendor, data + 8, 8);
   copy_text(product, data + 16, 16);
@@ -348,13 +351,13 @@ int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size) {
 static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
   (void)count;
   Address address;
-  const int checked = take_address(arguments[0], &address, err);
+  const int checked = aspitool_take_address(arguments[0], &address, err);
   if (checked != ASPITOOL_OK) return checked;
   static unsigned char toc[TOC_LENGTH];
   const unsigned char cdb[10] = {0x43, 0, 0, 0, 0, 0, 0, TOC_LENGTH >> 8, TOC_LENGTH & 0xFF, 0};
   SRB_ExecSCSICmd srb;
   if (execute_in(&address, cdb, sizeof cdb, toc, TOC_LENGTH, &srb) != SS_COMP)
-    return report_failure(err, "READ TOC", &address, &srb);
+    return aspitool_report_failure(err, "READ TOC", &address, &srb);
   if (!aspitool_print_toc(out, toc, TOC_LENGTH)) {
     fprintf(err, "aspitool: READ TOC of %u:%u:%u returned no table\n", address.adapter, address.target, address.lun);
     return ASPITOOL_FAILED;
@@ -362,8 +365,7 @@ static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
   return ASPITOOL_OK;
 }
 
-/* Blocks per READ(10): the adapter's largest transfer, at least one. */
-static unsigned int blocks_per_request(int adapter) {
+unsigned int aspitool_blocks_per_request(int adapter) {
   SRB_HAInquiry inquiry;
   inquire_adapter(adapter, &inquiry);
   const unsigned char* limit = inquiry.HA_Unique + 4;
@@ -373,35 +375,98 @@ static unsigned int blocks_per_request(int adapter) {
   return blocks == 0 ? 1u : blocks > 0xFFFFu ? 0xFFFFu : (unsigned int)blocks;
 }
 
-static int read_blocks(const Address* address, unsigned long long lba, unsigned long long count, FILE* sink,
-                       FILE* err) {
-  const unsigned int chunk = blocks_per_request(address->adapter);
+/* Reads shorter than this show no progress. */
+#define PROGRESS_FROM_BLOCKS 1024u
+
+int aspitool_read_blocks(const Address* address, unsigned long long lba, unsigned long long count, const char* verb,
+                         AspitoolBlockSink sink, void* context, FILE* err) {
+  const unsigned int chunk = aspitool_blocks_per_request(address->adapter);
   unsigned char* buffer = malloc((size_t)chunk * BLOCK_SIZE);
   if (buffer == NULL) {
     fprintf(err, "aspitool: out of memory\n");
     return ASPITOOL_FAILED;
   }
+  AspitoolProgress progress;
+  aspitool_progress_start(&progress, count >= PROGRESS_FROM_BLOCKS ? err : NULL, verb, count);
   int result = ASPITOOL_OK;
-  while (count > 0 && result == ASPITOOL_OK) {
-    const unsigned int blocks = count < chunk ? (unsigned int)count : chunk;
-    const unsigned char cdb[10] = {0x28, 0, (unsigned char)(lba >> 24), (unsigned char)(lba >> 16),
-                                   (unsigned char)(lba >> 8), (unsigned char)lba, 0, (unsigned char)(blocks >> 8),
+  for (unsigned long long done = 0; done < count && result == ASPITOOL_OK;) {
+    const unsigned int blocks = count - done < chunk ? (unsigned int)(count - done) : chunk;
+    const unsigned long long at = lba + done;
+    const unsigned char cdb[10] = {0x28, 0, (unsigned char)(at >> 24), (unsigned char)(at >> 16),
+                                   (unsigned char)(at >> 8), (unsigned char)at, 0, (unsigned char)(blocks >> 8),
                                    (unsigned char)blocks, 0};
     SRB_ExecSCSICmd srb;
     if (execute_in(address, cdb, sizeof cdb, buffer, blocks * BLOCK_SIZE, &srb) != SS_COMP) {
+      aspitool_progress_end(&progress);
       fprintf(err, "aspitool: READ(10) of %u:%u:%u at LBA %llu failed: ", address->adapter, address->target,
-              address->lun, lba);
+              address->lun, at);
       aspitool_describe_failure(err, &srb);
       result = ASPITOOL_FAILED;
-    } else if (fwrite(buffer, BLOCK_SIZE, blocks, sink) != blocks) {
-      fprintf(err, "aspitool: cannot write the data: %s\n", strerror(errno));
-      result = ASPITOOL_FAILED;
+    } else {
+      result = sink(context, buffer, blocks, at);
     }
-    lba += blocks;
-    count -= blocks;
+    done += blocks;
+    if (result == ASPITOOL_OK) aspitool_progress_update(&progress, done);
   }
+  aspitool_progress_end(&progress);
   free(buffer);
   return result;
+}
+
+typedef struct {
+  FILE *stream, *err;
+} Streams;
+
+static int write_to_stream(void* context, const unsigned char* data, unsigned int blocks, unsigned long long lba) {
+  const Streams* streams = context;
+  (void)lba;
+  if (fwrite(data, BLOCK_SIZE, blocks, streams->stream) == blocks) return ASPITOOL_OK;
+  fprintf(streams->err, "aspitool: cannot write the data: %s\n", strerror(errno));
+  return ASPITOOL_FAILED;
+}
+
+/* ---- Progress ---- */
+
+double aspitool_now(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (double)now.tv_sec + (double)now.tv_nsec / 1e9;
+}
+
+/* err null: no progress shown. */
+void aspitool_progress_start(AspitoolProgress* progress, FILE* err, const char* verb, unsigned long long blocks) {
+  progress->err = err;
+  progress->verb = verb;
+  progress->total = blocks;
+  progress->shownQuarter = 0;
+  progress->start = progress->lastDrawn = aspitool_now();
+  progress->terminal = err != NULL && isatty(fileno(err));
+  progress->drawn = 0;
+}
+
+void aspitool_progress_update(AspitoolProgress* progress, unsigned long long done) {
+  if (progress->err == NULL || progress->total == 0) return;
+  const double now = aspitool_now(), elapsed = now - progress->start;
+  const unsigned long long quarter = done * 4 / progress->total;
+  if (progress->terminal ? now - progress->lastDrawn < 0.2 && done < progress->total
+                         : quarter == progress->shownQuarter)
+    return;
+  progress->lastDrawn = now;
+  progress->shownQuarter = quarter;
+  const double mib = (double)done * BLOCK_SIZE / 1048576.0;
+  const double rate = elapsed > 0 ? mib / elapsed : 0;
+  const unsigned long long left =
+      done > 0 ? (unsigned long long)(elapsed * (double)(progress->total - done) / (double)done + 0.5) : 0;
+  fprintf(progress->err, "%s%s %3llu%%  %.1f of %.1f MiB  %.1f MiB/s  %llu:%02llu left%s", progress->terminal ? "\r" : "",
+          progress->verb, done * 100 / progress->total, mib, (double)progress->total * BLOCK_SIZE / 1048576.0, rate,
+          left / 60, left % 60, progress->terminal ? "\033[K" : "\n");
+  fflush(progress->err);
+  progress->drawn = progress->terminal;
+}
+
+void aspitool_progress_end(AspitoolProgress* progress) {
+  if (progress->drawn) fprintf(progress->err, "\r\033[K");
+  progress->drawn = 0;
 }
 
 static int run_read(char** arguments, int count, FILE* out, FILE* err) {
@@ -413,15 +478,17 @@ static int run_read(char** arguments, int count, FILE* out, FILE* err) {
             "and the range must end within 2^32 blocks\n", arguments[1], arguments[2]);
     return ASPITOOL_USAGE;
   }
-  const int checked = take_address(arguments[0], &address, err);
+  const int checked = aspitool_take_address(arguments[0], &address, err);
   if (checked != ASPITOOL_OK) return checked;
-  if (count < 4) return read_blocks(&address, lba, blocks, out, err);
+  Streams streams = {out, err};
+  if (count < 4) return aspitool_read_blocks(&address, lba, blocks, "reading", write_to_stream, &streams, err);
   FILE* file = fopen(arguments[3], "wb");
   if (file == NULL) {
     fprintf(err, "aspitool: cannot open \"%s\" for writing: %s\n", arguments[3], strerror(errno));
     return ASPITOOL_FAILED;
   }
-  int result = read_blocks(&address, lba, blocks, file, err);
+  streams.stream = file;
+  int result = aspitool_read_blocks(&address, lba, blocks, "reading", write_to_stream, &streams, err);
   if (fclose(file) != 0 && result == ASPITOOL_OK) {
     fprintf(err, "aspitool: cannot write \"%s\": %s\n", arguments[3], strerror(errno));
     result = ASPITOOL_FAILED;
@@ -503,7 +570,29 @@ static const Command commands[] = {
     {"read", "A:T:L LBA COUNT [FILE]",
      "Reads COUNT blocks of 2048 bytes from the drive at A:T:L, starting at\n"
      "block LBA (READ(10)), and writes them to FILE, or to standard output\n"
-     "without one.", 3, 4, run_read},
+     "without one. A read of 1024 blocks or more shows its progress (percent,\n"
+     "MiB/s, time left) on standard error.", 3, 4, run_read},
+    {"disc", "A:T:L",
+     "Shows what the drive at A:T:L holds, as a user asks before burning: the\n"
+     "disc's profile by name (DVD+R, DVD-ROM, CD-ROM, none ...; GET\n"
+     "CONFIGURATION), its status (blank, appendable, complete, no disc; READ\n"
+     "DISC INFORMATION), and the blocks of 2048 bytes in use (READ CAPACITY) and\n"
+     "free to write (READ TRACK INFORMATION), each also in MiB.", 1, 1, aspitool_run_disc},
+    {"write", "[--no-verify] A:T:L IMAGE",
+     "Burns the file IMAGE (an ISO image) onto the blank DVD+R in the drive at\n"
+     "A:T:L. First it checks that the drive can write, holds a blank DVD+R (or\n"
+     "DVD+R DL; other discs are refused) and that the disc has room for the\n"
+     "image; an image whose size is not a multiple of 2048 bytes is padded with\n"
+     "zeros to the next block, which it says. It then writes the image from\n"
+     "block 0 with WRITE(10) in transfers no larger than the adapter's maximum,\n"
+     "synchronises the drive's cache (SYNCHRONIZE CACHE) and finishes the disc\n"
+     "(CLOSE TRACK, CLOSE SESSION). Last it reads the disc back and compares it\n"
+     "with the image, unless --no-verify is given. Progress (percent, MiB/s,\n"
+     "time left) goes to standard error; one closing line says what was burned\n"
+     "and whether the disc verified. A refusal or a failure says why, and after\n"
+     "a failed write what the disc now holds, and exits with 1. Interrupted\n"
+     "(Ctrl-C, SIGINT), it stops writing, still synchronises the cache, says\n"
+     "what the disc holds and exits with 1.", 2, 3, aspitool_run_write},
     {"watch", "",
      "Prints each drive that arrives or goes away, as it happens, until\n"
      "interrupted (Ctrl-C, SIGINT or SIGTERM): \"arrived A:T:L VENDOR PRODUCT\"\n"

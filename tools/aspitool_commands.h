@@ -33,6 +33,64 @@ int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size);
  * this number". */
 const char* aspitool_adapter_kind(int adapter);
 
+/* ---- Shared by the command files ---- */
+
+#define ASPITOOL_BLOCK_SIZE 2048u
+
+typedef struct {
+  unsigned char adapter, target, lun;
+} AspitoolAddress;
+
+/* Parses ADAPTER:TARGET:LUN and checks the adapter against those ASPI
+ * reports; says what is wrong on err. An ASPITOOL_ exit code. */
+int aspitool_take_address(const char* text, AspitoolAddress* address, FILE* err);
+
+/* Runs one command, data moving as flags say (SRB_DIR_IN clears the buffer
+ * first); the request has completed on return. Sent again after a UNIT
+ * ATTENTION. Returns SRB_Status. */
+unsigned char aspitool_execute(const AspitoolAddress* address, const unsigned char* cdb, unsigned char cdbLength,
+                               unsigned char* buffer, unsigned int length, unsigned char flags,
+                               SRB_ExecSCSICmd* srb);
+
+/* "aspitool: WHAT of A:T:L failed: " and the failure in words. */
+int aspitool_report_failure(FILE* err, const char* what, const AspitoolAddress* address,
+                            const SRB_ExecSCSICmd* srb);
+
+/* Blocks per transfer: the adapter's largest transfer (SC_HA_INQUIRY), at
+ * least one. */
+unsigned int aspitool_blocks_per_request(int adapter);
+
+/* Takes blocks read from lba; says itself on err what went wrong. An
+ * ASPITOOL_ exit code: any other than ASPITOOL_OK ends the reading. */
+typedef int (*AspitoolBlockSink)(void* context, const unsigned char* data, unsigned int blocks,
+                                 unsigned long long lba);
+
+/* READ(10) of count blocks from lba, in transfers of the adapter's size,
+ * each handed to sink; progress on err under verb ("reading") for reads
+ * of 2 MiB and more. */
+int aspitool_read_blocks(const AspitoolAddress* address, unsigned long long lba, unsigned long long count,
+                         const char* verb, AspitoolBlockSink sink, void* context, FILE* err);
+
+/* Progress of a long transfer on err: percent, MiB/s and time left,
+ * redrawn in place on a terminal, a plain line at each quarter otherwise. */
+typedef struct {
+  FILE* err;
+  const char* verb;
+  unsigned long long total, shownQuarter;
+  double start, lastDrawn;
+  int terminal, drawn;
+} AspitoolProgress;
+
+double aspitool_now(void);
+void aspitool_progress_start(AspitoolProgress* progress, FILE* err, const char* verb, unsigned long long blocks);
+void aspitool_progress_update(AspitoolProgress* progress, unsigned long long done);
+/* Clears a line drawn in place. */
+void aspitool_progress_end(AspitoolProgress* progress);
+
+/* The burning commands (aspitool_burn.c). */
+int aspitool_run_disc(char** arguments, int count, FILE* out, FILE* err);
+int aspitool_run_write(char** arguments, int count, FILE* out, FILE* err);
+
 #ifdef __cplusplus
 }
 #endif
