@@ -28,9 +28,10 @@ CPosixMutex OpenedDevicesMapLock(0);
 
 namespace {
 
-// Cached descriptors in use by requests; guarded by OpenedDevicesMapLock.
-// Few at a time, so a list; its capacity is kept, so pinning does not
-// allocate once the list has grown.
+// Cached descriptors in use by requests; guarded by DevicesMapLock, which a
+// request holds anyway when it pins and unpins, and which every close of a
+// cached descriptor holds too. Few at a time, so a list; its capacity is
+// kept, so pinning does not allocate once the list has grown.
 struct PinnedDescriptor {
   int fd;
   int users;
@@ -188,13 +189,31 @@ CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun) {
   }
 }
 
-void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
-  DevicesMapHold hold;
+namespace {
+
+// Releases a device lock the caller took; the last release of a retired
+// lock deletes it. DevicesMapLock is held.
+void ReleaseDeviceLock(CPosixMutex* lock) {
   lock->Unlock();
   std::vector<RetiredDeviceLock>::iterator retired = RetiredLockOf(lock);
   if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
   RetiredDeviceLocks.erase(retired);
   delete lock;
+}
+
+// DevicesMapLock is held.
+void UnpinCachedDescriptor(int fd) {
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
+  if (pin->closeWhenFree) kavo::os::Close(fd);
+  PinnedDescriptors.erase(pin);
+}
+
+}  // namespace
+
+void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
+  DevicesMapHold hold;
+  ReleaseDeviceLock(lock);
 }
 
 void SCSI_PinCachedDescriptor(int fd) {
@@ -205,12 +224,11 @@ void SCSI_PinCachedDescriptor(int fd) {
     ++pin->users;
 }
 
-void SCSI_UnpinCachedDescriptor(int fd) {
-  CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
-  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
-  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
-  if (pin->closeWhenFree) kavo::os::Close(fd);
-  PinnedDescriptors.erase(pin);
+void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, int pinnedFd) {
+  if (deviceLock == nullptr && pinnedFd < 0) return;
+  DevicesMapHold hold;
+  if (deviceLock != nullptr) ReleaseDeviceLock(deviceLock);
+  if (pinnedFd >= 0) UnpinCachedDescriptor(pinnedFd);
 }
 
 void SCSI_CloseCachedDescriptor(int fd) {

@@ -9,6 +9,8 @@ extern int ControllerCount;
 
 // Lock order: RescanLock, DevicesMapLock, OpenedDevicesMapLock. The
 // HostAdaptersMapLock is never held together with DevicesMapLock.
+// OpenedDevicesMap changes only while both map locks are held, so a thread
+// holding either one may read it.
 extern CPosixMutex RescanLock;
 extern CPosixMutex DevicesMapLock;
 extern CPosixMutex HostAdaptersMapLock;
@@ -64,9 +66,13 @@ void SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
 // A request to a drive held exclusively uses the cache's own descriptor
 // rather than a copy of it, and pins it for that time: the number must not
 // be closed (and handed out again by the kernel) while the request writes
-// and reads on it. Pin and close run with OpenedDevicesMapLock held; a close
-// of a pinned descriptor is deferred to its last user's unpin, which takes
-// OpenedDevicesMapLock itself.
+// and reads on it. Pin and close run with DevicesMapLock held (a close also
+// with OpenedDevicesMapLock, as every change of OpenedDevicesMap); a close
+// of a pinned descriptor is deferred to its last user's unpin.
 void SCSI_PinCachedDescriptor(int fd);
-void SCSI_UnpinCachedDescriptor(int fd);
 void SCSI_CloseCachedDescriptor(int fd);
+
+// The end of a request, in one hold of DevicesMapLock: releases the device
+// lock it took (as SCSI_UnlockDeviceLock) unless null, and unpins the held
+// drive's descriptor it used unless pinnedFd is -1.
+void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, int pinnedFd);
