@@ -121,9 +121,9 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, in
 // locks) and to pin; with no drive held at all the map is not searched.
 bool PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
   if (OpenedDevicesMap.empty()) return false;
-  SCSI_OpenedDevicesMap::const_iterator found = OpenedDevicesMap.find(device.DevicePath);
-  if (found == OpenedDevicesMap.end() || found->second == nullptr || found->second->nFileDesc < 0) return false;
-  *fd = found->second->nFileDesc;
+  const SCSI_RefCountedFileDesc* held = SCSI_FindInStringMap(OpenedDevicesMap, device.DevicePath);
+  if (held == nullptr || held->nFileDesc < 0) return false;
+  *fd = held->nFileDesc;
   SCSI_PinCachedDescriptor(*fd);
   return true;
 }

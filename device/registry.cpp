@@ -150,8 +150,7 @@ SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int targe
   char text[64];
   PutDeviceKey(text, host, channel, target, lun);
   key = text;
-  SCSI_DevicesMap::const_iterator found = DevicesMap.find(key);
-  return found == DevicesMap.end() ? nullptr : found->second;
+  return SCSI_FindInStringMap(DevicesMap, key);
 }
 
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath) {

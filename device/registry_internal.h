@@ -1,6 +1,8 @@
 // Registry state and helpers shared inside the library.
 #pragma once
 
+#include <string.h>
+
 #include "device/registry.h"
 
 // Numbering state, written only while a registry build runs.
@@ -31,6 +33,16 @@ class DevicesMapHold {
 
 // "h%02dc%02dt%02dd%02d" of the four numbers.
 CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun);
+
+// The value stored under key in one of the string-keyed maps, or null: a
+// find with one key comparison fewer, since keys equal in the maps' order
+// are the same C string.
+template <typename Map>
+typename Map::mapped_type SCSI_FindInStringMap(const Map& map, const CBasicString<char>& key) {
+  typename Map::const_iterator found = map.lower_bound(key);
+  if (found == map.end() || strcmp(found->first.GetString(), key.GetString()) != 0) return nullptr;
+  return found->second;
+}
 
 // The record of a device, or null. Never inserts. The caller holds
 // DevicesMapLock for as long as it uses the result.

@@ -13,9 +13,10 @@ const unsigned int kFormatBufferSize = 16384;
 
 }  // namespace
 
-// One pass, as the device maps compare keys on every request: whether a
-// character is the last of its string is read from the next one (or from
-// n), so no length is counted beforehand.
+// The device maps compare keys on every request, so the common prefix is
+// skipped first in a tight loop, and no length is counted. The order is
+// decided where the strings part: at a position both still reach, a string
+// that ends right after it sorts first; then the smaller signed character.
 template <typename T>
 int UnicodeStringCmp(T const* a, T const* b, int n) {
   if (a == nullptr || b == nullptr) {
@@ -28,15 +29,15 @@ int UnicodeStringCmp(T const* a, T const* b, int n) {
     return a[0] == 0 ? -1 : 1;
   }
   const unsigned int limit = n > 0 ? static_cast<unsigned int>(n) : 0;  // 0: the whole strings
-  for (unsigned int i = 0;; ++i) {
-    const bool lastOfA = i + 1 == limit || a[i + 1] == 0;
-    const bool lastOfB = i + 1 == limit || b[i + 1] == 0;
-    if (lastOfA != lastOfB) return lastOfA ? -1 : 1;
-    const signed char charA = static_cast<signed char>(a[i]);
-    const signed char charB = static_cast<signed char>(b[i]);
-    if (charA != charB) return charA < charB ? -1 : 1;
-    if (lastOfA) return 0;
-  }
+  unsigned int at = 0;
+  while (a[at] == b[at] && a[at] != 0) ++at;
+  if ((limit != 0 && at >= limit) || a[at] == b[at]) return 0;  // equal throughout
+  // Position at-1 is common to both; one of them may end after it.
+  if (at > 0 && (a[at] == 0) != (b[at] == 0)) return a[at] == 0 ? -1 : 1;
+  const bool lastOfA = at + 1 == limit || a[at + 1] == 0;
+  const bool lastOfB = at + 1 == limit || b[at + 1] == 0;
+  if (lastOfA != lastOfB) return lastOfA ? -1 : 1;
+  return static_cast<signed char>(a[at]) < static_cast<signed char>(b[at]) ? -1 : 1;
 }
 
 template KAVO_API unsigned int UnicodeStringLen<char>(char const*);
