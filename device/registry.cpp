@@ -142,15 +142,36 @@ CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun
   return CBasicString<char>(text, PutDeviceKey(text, host, channel, target, lun));
 }
 
+namespace {
+
+// The key a thread looked up last, with the numbers it was made from.
+struct LastDeviceKey {
+  CBasicString<char> key;
+  int host = 0, channel = 0, target = 0, lun = 0;
+  bool filled = false;
+};
+
+}  // namespace
+
 // Every request looks its device up, so the key is written by hand into a
 // string each thread keeps: once grown, it is refilled in place, without a
-// printf pass or an allocation. Freed at thread exit.
+// printf pass or an allocation, and only when the address differs from the
+// thread's last one (requests mostly follow each other to one device).
+// Freed at thread exit.
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
-  thread_local CBasicString<char> key;
-  char text[64];
-  PutDeviceKey(text, host, channel, target, lun);
-  key = text;
-  return SCSI_FindInStringMap(DevicesMap, key);
+  thread_local LastDeviceKey last;
+  if (!last.filled || last.host != host || last.channel != channel || last.target != target || last.lun != lun) {
+    char text[64];
+    PutDeviceKey(text, host, channel, target, lun);
+    last.filled = false;  // until key and numbers agree again
+    last.key = text;
+    last.host = host;
+    last.channel = channel;
+    last.target = target;
+    last.lun = lun;
+    last.filled = true;
+  }
+  return SCSI_FindInStringMap(DevicesMap, last.key);
 }
 
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath) {
