@@ -115,13 +115,20 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, in
   return fd;
 }
 
+// The cache entry under path, or null. The cache holds an entry or two per
+// held drive, so a scan for the equal string beats the ordered search.
+const SCSI_RefCountedFileDesc* HeldUnder(const CBasicString<char>& path) {
+  for (const auto& entry : OpenedDevicesMap)
+    if (strcmp(entry.first.GetString(), path.GetString()) == 0) return entry.second;
+  return nullptr;
+}
+
 // The cached descriptor of a drive held exclusively, pinned for the
 // request, or false when the drive is not held. DevicesMapLock is held,
 // which is enough to read OpenedDevicesMap (it changes only under both map
-// locks) and to pin; with no drive held at all the map is not searched.
+// locks) and to pin; with no drive held at all nothing is searched.
 bool PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
-  if (OpenedDevicesMap.empty()) return false;
-  const SCSI_RefCountedFileDesc* held = SCSI_FindInStringMap(OpenedDevicesMap, device.DevicePath);
+  const SCSI_RefCountedFileDesc* held = HeldUnder(device.DevicePath);
   if (held == nullptr || held->nFileDesc < 0) return false;
   *fd = held->nFileDesc;
   SCSI_PinCachedDescriptor(*fd);
