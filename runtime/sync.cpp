@@ -5,23 +5,14 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include <atomic>
-
 namespace {
 
 const unsigned int kInfinite = 0xFFFFFFFFu;
 
-// A timed Lock waits on releaseSignal, which an Unlock signals only while
-// such a waiter is counted: most mutexes never see a timed wait, and their
-// release is then one pthread call rather than four. A waiter is counted
-// before its trylock, and an Unlock reads the count after releasing (both
-// fenced), so a waiter whose trylock still failed is always seen; it holds
-// waitGuard until it waits, so the signal cannot come before the wait.
 struct MutexNative {
-  pthread_mutex_t mutex;                  // the mutex proper, recursive
-  pthread_mutex_t waitGuard;              // closes the gap between trylock and wait
-  pthread_cond_t releaseSignal;           // signalled by an Unlock while timedWaiters > 0
-  std::atomic<int> timedWaiters{0};       // timed Lock calls between count and wake-up
+  pthread_mutex_t mutex;          // the mutex proper, recursive
+  pthread_mutex_t waitGuard;      // closes the gap between trylock and wait
+  pthread_cond_t releaseSignal;   // signalled by every successful Unlock
 };
 
 struct SemaphoreNative {
@@ -87,13 +78,12 @@ int CPosixMutex::Lock(unsigned int dwTimeout) {
   const timespec deadline = DeadlineAfter(dwTimeout);
   for (;;) {
     pthread_mutex_lock(&native->waitGuard);
-    native->timedWaiters.fetch_add(1);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    const bool acquired = pthread_mutex_trylock(&native->mutex) == 0;
-    const int waited = acquired ? 0 : pthread_cond_timedwait(&native->releaseSignal, &native->waitGuard, &deadline);
-    native->timedWaiters.fetch_sub(1);
+    if (pthread_mutex_trylock(&native->mutex) == 0) {
+      pthread_mutex_unlock(&native->waitGuard);
+      return 1;
+    }
+    int waited = pthread_cond_timedwait(&native->releaseSignal, &native->waitGuard, &deadline);
     pthread_mutex_unlock(&native->waitGuard);
-    if (acquired) return 1;
     if (waited == ETIMEDOUT) return 0;
   }
 }
@@ -101,13 +91,11 @@ int CPosixMutex::Lock(unsigned int dwTimeout) {
 int CPosixMutex::Unlock() {
   MutexNative* native = AsMutex(m_pNative);
   if (native == nullptr) return 0;
-  if (pthread_mutex_unlock(&native->mutex) != 0) return 0;
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (native->timedWaiters.load() == 0) return 1;
   pthread_mutex_lock(&native->waitGuard);
-  pthread_cond_signal(&native->releaseSignal);
+  const bool released = pthread_mutex_unlock(&native->mutex) == 0;
+  if (released) pthread_cond_signal(&native->releaseSignal);
   pthread_mutex_unlock(&native->waitGuard);
-  return 1;
+  return released ? 1 : 0;
 }
 
 CPosixSemaphore::CPosixSemaphore(int nInitialCount, int nMaxCount)
