@@ -1,16 +1,17 @@
 // kavo-bench-instructions: the instructions the library itself executes per
 // request, a figure that no load on the machine moves. Meant to run under
-// callgrind (bench/instructions runs it so):
+// callgrind, which bench/instructions does:
 //
-//   valgrind --tool=callgrind --toggle-collect='kavo::os::*' kavo-bench-instructions
+//   valgrind --tool=callgrind kavo-bench-instructions
 //
 // The library runs against the unit tests' fixture world, the system seam
 // served in memory, with one generic drive (tests/fixture/data/
-// one_generic_drive.txt). Collection is switched off inside every seam
-// function, so the counts leave out what stands in for the system calls (and
-// the emulated drive's own work); what remains is the library's work on the
-// request path, the libc it calls included. For each row the counters are
-// zeroed, the requests run, and the counts are dumped under the row's name.
+// one_generic_drive.txt). For each row the counters are zeroed, the
+// requests run, and the counts are dumped under the row's name;
+// bench/instructions then takes away what was spent inside the seam
+// functions (kavo::os::*, which stand in for the system calls and run the
+// emulated drive), so what remains is the library's work on the request
+// path, the libc it calls included.
 //
 // Rows: READ(10) of 64 KiB and of 2 KiB and TEST UNIT READY through
 // SendASPI32Command, with the drive not held and held in exclusive mode; and
