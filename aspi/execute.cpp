@@ -66,18 +66,19 @@ void CorrectDirection(SRB_ExecSCSICmd* srb) {
   }
 }
 
-// The descriptor of the request: the cached one of a drive held
+// The descriptor of the request, the cached one of a drive held
 // exclusively, pinned until the request lets go of it, or one opened for
-// this request alone and closed by it.
+// this request alone and closed by it; and the device's lock around the
+// exchange, exactly the mutex that was taken: the one the open took, or
+// else one polled for now. Lock and pin are given back together, in one
+// hold of the registry lock, before an owned descriptor is closed.
 class RequestDescriptor {
  public:
   RequestDescriptor(const DeviceAddress& device, unsigned char cdbLength)
-      : request_(SCSI_OpenForRequest(device.host, device.channel, device.target, device.lun,
+      : device_(device),
+        request_(SCSI_OpenForRequest(device.host, device.channel, device.target, device.lun,
                                      cdbLength <= CDROM_PACKET_SIZE)) {}
-  ~RequestDescriptor() {
-    if (request_.deviceLock != nullptr) SCSI_UnlockDeviceLock(request_.deviceLock);
-    Release();
-  }
+  ~RequestDescriptor() { Release(); }
   RequestDescriptor(const RequestDescriptor&) = delete;
   RequestDescriptor& operator=(const RequestDescriptor&) = delete;
 
@@ -92,43 +93,24 @@ class RequestDescriptor {
   bool TakesIdePath(int adapter) const {
     return request_.registered ? request_.kind == kIdeNode : IsIDEAdapter(adapter) == 1;
   }
+  // Holds the device's lock for the exchange. A device that left the
+  // registry after the request opened it has no lock any more: false then.
+  bool LockDevice() {
+    if (request_.deviceLock == nullptr)
+      request_.deviceLock = SCSI_LockDeviceLock(device_.host, device_.channel, device_.target, device_.lun);
+    return request_.deviceLock != nullptr;
+  }
   void Release() {
-    if (request_.fd != -1 && request_.pinned)
-      SCSI_UnpinCachedDescriptor(request_.fd);
-    else if (request_.fd != -1)
-      kavo::os::Close(request_.fd);
+    const int pinned = request_.pinned ? request_.fd : -1;
+    SCSI_ReleaseRequestHolds(request_.deviceLock, pinned);
+    if (request_.fd != -1 && !request_.pinned) kavo::os::Close(request_.fd);
+    request_.deviceLock = nullptr;
     request_.fd = -1;
   }
-  // The device's lock if the open could take it; null otherwise. The
-  // caller then owns it.
-  CPosixMutex* TakeDeviceLock() {
-    CPosixMutex* lock = request_.deviceLock;
-    request_.deviceLock = nullptr;
-    return lock;
-  }
 
  private:
+  DeviceAddress device_;
   SCSI_RequestDescriptor request_;
-};
-
-// Holds the device's lock for one exchange and gives back exactly the mutex
-// it took: the one the open took, or else one polled for now. A device that
-// left the registry after the request opened it has no lock any more;
-// Held() is false then.
-class DeviceLockHold {
- public:
-  DeviceLockHold(const DeviceAddress& device, RequestDescriptor& descriptor) : lock_(descriptor.TakeDeviceLock()) {
-    if (lock_ == nullptr) lock_ = SCSI_LockDeviceLock(device.host, device.channel, device.target, device.lun);
-  }
-  ~DeviceLockHold() {
-    if (lock_ != nullptr) SCSI_UnlockDeviceLock(lock_);
-  }
-  DeviceLockHold(const DeviceLockHold&) = delete;
-  DeviceLockHold& operator=(const DeviceLockHold&) = delete;
-  bool Held() const { return lock_ != nullptr; }
-
- private:
-  CPosixMutex* lock_;
 };
 
 // The request and the reply of one exchange, side by side in one block. Up
@@ -211,17 +193,14 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
   sg_header* replyHeader = reinterpret_cast<sg_header*>(buffers.reply());
   requestHeader->reply_len = static_cast<int>(replyLength);
 
-  int exchanged = 0;
-  {
-    DeviceLockHold lock(device, descriptor);
-    if (!lock.Held()) return SS_NO_DEVICE;
-    unsigned int bytesRead = 0;
-    const bool lengthArmed = SCSI_ArmCommandLength(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
-    exchanged = SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, requestLength, replyHeader, replyLength, &bytesRead);
-    // A held drive's open file outlives this request: a length its rejected
-    // write left armed would cut the next request's command.
-    if (exchanged == 0 && lengthArmed) SCSI_DisarmCommandLength(descriptor.fd());
-  }
+  if (!descriptor.LockDevice()) return SS_NO_DEVICE;
+  unsigned int bytesRead = 0;
+  const bool lengthArmed = SCSI_ArmCommandLength(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
+  const int exchanged =
+      SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, requestLength, replyHeader, replyLength, &bytesRead);
+  // A held drive's open file outlives this request: a length its rejected
+  // write left armed would cut the next request's command.
+  if (exchanged == 0 && lengthArmed) SCSI_DisarmCommandLength(descriptor.fd());
   descriptor.Release();
 
   if (exchanged == 0) return SS_ERR;
@@ -284,7 +263,7 @@ unsigned char IdeSenseLengthByte(unsigned char senseLength) {
   return senseLength <= kIdeSenseLength ? static_cast<unsigned char>(senseLength - 8) : kIdeSenseLength - 8;
 }
 
-unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device, RequestDescriptor& descriptor) {
+unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, RequestDescriptor& descriptor) {
   unsigned char sense[kIdeSenseLength];
   cdrom_generic_command packet;
   memset(sense, 0, sizeof sense);
@@ -302,12 +281,8 @@ unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device
 
   if (!descriptor.IsOpen()) return SS_NO_DEVICE;
   if (LacksDataBuffer(srb, packet.data_direction != CGC_DATA_NONE)) return SS_INVALID_SRB;
-  int result = 0;
-  {
-    DeviceLockHold lock(device, descriptor);
-    if (!lock.Held()) return SS_NO_DEVICE;
-    result = kavo::os::Ioctl(descriptor.fd(), CDROM_SEND_PACKET, &packet);
-  }
+  if (!descriptor.LockDevice()) return SS_NO_DEVICE;
+  const int result = kavo::os::Ioctl(descriptor.fd(), CDROM_SEND_PACKET, &packet);
   descriptor.Release();
   if (result == 0) {
     srb->SRB_HaStat = HASTAT_OK;
@@ -321,7 +296,7 @@ unsigned char ExecuteOnIdeNode(SRB_ExecSCSICmd* srb, const DeviceAddress& device
 unsigned char Execute(SRB_ExecSCSICmd* srb) {
   const DeviceAddress device = AddressOf(srb);
   RequestDescriptor descriptor(device, srb->SRB_CDBLen);
-  return descriptor.TakesIdePath(srb->SRB_HaId) ? ExecuteOnIdeNode(srb, device, descriptor)
+  return descriptor.TakesIdePath(srb->SRB_HaId) ? ExecuteOnIdeNode(srb, descriptor)
                                                  : ExecuteOnGenericNode(srb, device, descriptor);
 }
 

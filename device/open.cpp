@@ -54,12 +54,13 @@ int OpenRetryingWhileBusy(const char* path, int flags) {
 // exclusive mode opens while another thread's request has the drive open,
 // never end). So the open asks for an answer at once, which lets the EBUSY
 // retries work, and the flag is cleared again: the descriptor ends with the
-// usual flags, so that read waits for the reply.
+// usual flags, so that read waits for the reply. F_SETFL changes only the
+// status flags (of those asked for here, O_NONBLOCK alone) and ignores the
+// access mode and O_EXCL, so the open's own flags serve without an F_GETFL.
 int OpenGenericNodeWithoutWaiting(const char* path, int flags) {
   const int fd = OpenRetryingWhileBusy(path, flags | O_NONBLOCK);
   if (fd == -1) return -1;
-  const int current = kavo::os::Fcntl(fd, F_GETFL, 0);
-  if (current != -1 && kavo::os::Fcntl(fd, F_SETFL, current & ~O_NONBLOCK) == 0) return fd;
+  if (kavo::os::Fcntl(fd, F_SETFL, flags) == 0) return fd;
   kavo::os::Close(fd);
   return -1;
 }
@@ -114,16 +115,63 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, in
   return fd;
 }
 
+// The cache entry under path, or null. The cache holds an entry or two per
+// held drive, so a scan for the equal string beats the ordered search.
+const SCSI_RefCountedFileDesc* HeldUnder(const CBasicString<char>& path) {
+  for (const auto& entry : OpenedDevicesMap)
+    if (strcmp(entry.first.GetString(), path.GetString()) == 0) return entry.second;
+  return nullptr;
+}
+
 // The cached descriptor of a drive held exclusively, pinned for the
-// request, or false when the drive is not held. DevicesMapLock is held.
+// request, or false when the drive is not held. DevicesMapLock is held,
+// which is enough to read OpenedDevicesMap (it changes only under both map
+// locks) and to pin; with no drive held at all nothing is searched.
 bool PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
-  CPosixSingleLock openedHold(&OpenedDevicesMapLock, 1);
-  SCSI_OpenedDevicesMap::const_iterator found = OpenedDevicesMap.find(device.DevicePath);
-  if (found == OpenedDevicesMap.end() || found->second == nullptr || found->second->nFileDesc < 0) return false;
-  *fd = found->second->nFileDesc;
+  const SCSI_RefCountedFileDesc* held = HeldUnder(device.DevicePath);
+  if (held == nullptr || held->nFileDesc < 0) return false;
+  *fd = held->nFileDesc;
   SCSI_PinCachedDescriptor(*fd);
   return true;
 }
+
+// The device's lock, when it is free now, taken while the record is at
+// hand; null when it is busy (the request then polls for it).
+CPosixMutex* TryDeviceLock(const SCSI_DeviceProperties& device) {
+  return device.DeviceLock->Lock(0) == 1 ? device.DeviceLock : nullptr;
+}
+
+// The locks of one request's lookup. DevicesMapLock comes first, since a
+// held drive's pinned descriptor needs nothing more; only an open needs
+// RescanLock. That one is tried while DevicesMapLock is held, which cannot
+// deadlock (nothing waits); when a rebuild or an exclusive open has it, the
+// request lets go and takes both again in the order every waiting path uses,
+// RescanLock first, and looks the device up afresh.
+class RequestLookupLocks {
+ public:
+  RequestLookupLocks() { SCSI_AcquireDevicesMapLock(); }
+  ~RequestLookupLocks() {
+    SCSI_ReleaseDevicesMapLock();
+    if (rescanLockHeld_) RescanLock.Unlock();
+  }
+  RequestLookupLocks(const RequestLookupLocks&) = delete;
+  RequestLookupLocks& operator=(const RequestLookupLocks&) = delete;
+
+  // True when RescanLock is held, as an open requires; false when it was
+  // only had by waiting, so that the lookup must be made again.
+  bool HoldRescanLockWithoutWaiting() {
+    if (rescanLockHeld_) return true;
+    rescanLockHeld_ = true;
+    if (RescanLock.Lock(0) == 1) return true;
+    SCSI_ReleaseDevicesMapLock();
+    RescanLock.Lock(0xFFFFFFFF);
+    SCSI_AcquireDevicesMapLock();
+    return false;
+  }
+
+ private:
+  bool rescanLockHeld_ = false;
+};
 
 }  // namespace
 
@@ -135,32 +183,40 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
   return OpenRegisteredDevice(*device, bExclusive, pBlockFileDesc);
 }
 
-// The cached descriptor's number is only good while the registry locks are
-// held: once they are released an unset or a rebuild may close it and
-// another thread's open may get the same number for another drive. So it is
-// pinned here, and such a close waits for the request to unpin it; the open
-// file keeps its O_EXCL hold, its pending command length and its queued
-// reply meanwhile. (A dup would do the same at the price of two system calls
-// a request.) The node kind comes from the same record, so the path a
-// request takes always fits its node.
+// The cached descriptor's number is only good while DevicesMapLock is
+// held: once it is released an unset or a rebuild may close it and another
+// thread's open may get the same number for another drive. So it is pinned
+// here, and such a close waits for the request to unpin it; the open file
+// keeps its O_EXCL hold, its pending command length and its queued reply
+// meanwhile. (A dup would do the same at the price of two system calls a
+// request.) The node kind comes from the same record, so the path a request
+// takes always fits its node. A drive that is not held is opened under
+// RescanLock as well, so that no rebuild runs during the open.
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
-  SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr, false};
-  RegistryOpenHold hold;
-  const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
-  if (device == nullptr) return request;
-  request.registered = true;
-  request.kind = KindOfNode(device->DevicePath.GetString());
-  request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
-  if (request.kind == kIdeNode && !ideCommandFits) return request;
-  request.pinned = PinHeldDescriptor(*device, &request.fd);
-  // Tried before the open: the record is not read again after it.
-  if (device->DeviceLock->Lock(0) == 1) request.deviceLock = device->DeviceLock;
-  if (!request.pinned) request.fd = OpenRegisteredDevice(*device, 0, nullptr);
-  if (request.fd == -1 && request.deviceLock != nullptr) {
-    request.deviceLock->Unlock();  // still registered: DevicesMapLock is held
-    request.deviceLock = nullptr;
+  RequestLookupLocks locks;
+  for (;;) {
+    SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr, false};
+    const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
+    if (device == nullptr) return request;
+    request.registered = true;
+    request.kind = KindOfNode(device->DevicePath.GetString());
+    request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
+    if (request.kind == kIdeNode && !ideCommandFits) return request;
+    request.pinned = PinHeldDescriptor(*device, &request.fd);
+    if (request.pinned) {
+      request.deviceLock = TryDeviceLock(*device);
+      return request;
+    }
+    if (!locks.HoldRescanLockWithoutWaiting()) continue;
+    // Tried before the open: the record is not read again after it.
+    request.deviceLock = TryDeviceLock(*device);
+    request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+    if (request.fd == -1 && request.deviceLock != nullptr) {
+      request.deviceLock->Unlock();  // still registered: DevicesMapLock is held
+      request.deviceLock = nullptr;
+    }
+    return request;
   }
-  return request;
 }
 
 int SCSI_GetDeviceFileDesc(int nHost, int nChannel, int nTarget, int nLun) {

@@ -34,9 +34,10 @@ struct RegisteredDevice : SCSI_DeviceProperties {
   bool onRealScsiHost;
 };
 
-// Cached descriptors in use by requests; guarded by OpenedDevicesMapLock.
-// Few at a time, so a list; its capacity is kept, so pinning does not
-// allocate once the list has grown.
+// Cached descriptors in use by requests; guarded by DevicesMapLock, which a
+// request holds anyway when it pins and unpins, and which every close of a
+// cached descriptor holds too. Few at a time, so a list; its capacity is
+// kept, so pinning does not allocate once the list has grown.
 struct PinnedDescriptor {
   int fd;
   int users;
@@ -147,16 +148,36 @@ CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun
   return CBasicString<char>(text, PutDeviceKey(text, host, channel, target, lun));
 }
 
+namespace {
+
+// The key a thread looked up last, with the numbers it was made from.
+struct LastDeviceKey {
+  CBasicString<char> key;
+  int host = 0, channel = 0, target = 0, lun = 0;
+  bool filled = false;
+};
+
+}  // namespace
+
 // Every request looks its device up, so the key is written by hand into a
 // string each thread keeps: once grown, it is refilled in place, without a
-// printf pass or an allocation. Freed at thread exit.
+// printf pass or an allocation, and only when the address differs from the
+// thread's last one (requests mostly follow each other to one device).
+// Freed at thread exit.
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
-  thread_local CBasicString<char> key;
-  char text[64];
-  PutDeviceKey(text, host, channel, target, lun);
-  key = text;
-  SCSI_DevicesMap::const_iterator found = DevicesMap.find(key);
-  return found == DevicesMap.end() ? nullptr : found->second;
+  thread_local LastDeviceKey last;
+  if (!last.filled || last.host != host || last.channel != channel || last.target != target || last.lun != lun) {
+    char text[64];
+    PutDeviceKey(text, host, channel, target, lun);
+    last.filled = false;  // until key and numbers agree again
+    last.key = text;
+    last.host = host;
+    last.channel = channel;
+    last.target = target;
+    last.lun = lun;
+    last.filled = true;
+  }
+  return SCSI_FindInStringMap(DevicesMap, last.key);
 }
 
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost) {
@@ -199,13 +220,31 @@ CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun) {
   }
 }
 
-void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
-  DevicesMapHold hold;
+namespace {
+
+// Releases a device lock the caller took; the last release of a retired
+// lock deletes it. DevicesMapLock is held.
+void ReleaseDeviceLock(CPosixMutex* lock) {
   lock->Unlock();
   std::vector<RetiredDeviceLock>::iterator retired = RetiredLockOf(lock);
   if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
   RetiredDeviceLocks.erase(retired);
   delete lock;
+}
+
+// DevicesMapLock is held.
+void UnpinCachedDescriptor(int fd) {
+  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
+  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
+  if (pin->closeWhenFree) kavo::os::Close(fd);
+  PinnedDescriptors.erase(pin);
+}
+
+}  // namespace
+
+void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
+  DevicesMapHold hold;
+  ReleaseDeviceLock(lock);
 }
 
 void SCSI_PinCachedDescriptor(int fd) {
@@ -216,12 +255,11 @@ void SCSI_PinCachedDescriptor(int fd) {
     ++pin->users;
 }
 
-void SCSI_UnpinCachedDescriptor(int fd) {
-  CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
-  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
-  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
-  if (pin->closeWhenFree) kavo::os::Close(fd);
-  PinnedDescriptors.erase(pin);
+void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, int pinnedFd) {
+  if (deviceLock == nullptr && pinnedFd < 0) return;
+  DevicesMapHold hold;
+  if (deviceLock != nullptr) ReleaseDeviceLock(deviceLock);
+  if (pinnedFd >= 0) UnpinCachedDescriptor(pinnedFd);
 }
 
 void SCSI_CloseCachedDescriptor(int fd) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <string.h>
 
 #include "device/registry.h"
 
@@ -12,6 +13,8 @@ extern std::atomic<int> ControllerCount;
 
 // Lock order: RescanLock, DevicesMapLock, OpenedDevicesMapLock. The
 // HostAdaptersMapLock is never held together with DevicesMapLock.
+// OpenedDevicesMap changes only while both map locks are held, so a thread
+// holding either one may read it.
 extern CPosixMutex RescanLock;
 extern CPosixMutex DevicesMapLock;
 extern CPosixMutex HostAdaptersMapLock;
@@ -32,6 +35,16 @@ class DevicesMapHold {
 
 // "h%02dc%02dt%02dd%02d" of the four numbers.
 CBasicString<char> SCSI_MakeDeviceKey(int host, int channel, int target, int lun);
+
+// The value stored under key in one of the string-keyed maps, or null: a
+// find with one key comparison fewer, since keys equal in the maps' order
+// are the same C string.
+template <typename Map>
+typename Map::mapped_type SCSI_FindInStringMap(const Map& map, const CBasicString<char>& key) {
+  typename Map::const_iterator found = map.lower_bound(key);
+  if (found == map.end() || strcmp(found->first.GetString(), key.GetString()) != 0) return nullptr;
+  return found->second;
+}
 
 // The record of a device, or null. Never inserts. The caller holds
 // DevicesMapLock for as long as it uses the result.
@@ -80,9 +93,13 @@ bool SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
 // A request to a drive held exclusively uses the cache's own descriptor
 // rather than a copy of it, and pins it for that time: the number must not
 // be closed (and handed out again by the kernel) while the request writes
-// and reads on it. Pin and close run with OpenedDevicesMapLock held; a close
-// of a pinned descriptor is deferred to its last user's unpin, which takes
-// OpenedDevicesMapLock itself.
+// and reads on it. Pin and close run with DevicesMapLock held (a close also
+// with OpenedDevicesMapLock, as every change of OpenedDevicesMap); a close
+// of a pinned descriptor is deferred to its last user's unpin.
 void SCSI_PinCachedDescriptor(int fd);
-void SCSI_UnpinCachedDescriptor(int fd);
 void SCSI_CloseCachedDescriptor(int fd);
+
+// The end of a request, in one hold of DevicesMapLock: releases the device
+// lock it took (as SCSI_UnlockDeviceLock) unless null, and unpins the held
+// drive's descriptor it used unless pinnedFd is -1.
+void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, int pinnedFd);

@@ -11,15 +11,12 @@ namespace {
 const int kInitialCapacity = 6;
 const unsigned int kFormatBufferSize = 16384;
 
-// The length of s cut to n characters when n is positive.
-unsigned int LimitedLength(char const* s, int n) {
-  unsigned int length = UnicodeStringLen(s);
-  if (n > 0 && length > static_cast<unsigned int>(n)) length = static_cast<unsigned int>(n);
-  return length;
-}
-
 }  // namespace
 
+// The device maps compare keys on every request, so the common prefix is
+// skipped first in a tight loop, and no length is counted. The order is
+// decided where the strings part: at a position both still reach, a string
+// that ends right after it sorts first; then the smaller signed character.
 template <typename T>
 int UnicodeStringCmp(T const* a, T const* b, int n) {
   if (a == nullptr || b == nullptr) {
@@ -27,21 +24,20 @@ int UnicodeStringCmp(T const* a, T const* b, int n) {
     return a == nullptr ? -1 : 1;
   }
   if (n != -1 && n <= 0) return 0;
-  const unsigned int lengthA = LimitedLength(a, n);
-  const unsigned int lengthB = LimitedLength(b, n);
-  if (lengthA == 0 || lengthB == 0) {
-    if (lengthA == lengthB) return 0;
-    return lengthA == 0 ? -1 : 1;
+  if (a[0] == 0 || b[0] == 0) {
+    if (a[0] == b[0]) return 0;
+    return a[0] == 0 ? -1 : 1;
   }
-  for (unsigned int i = 0; i < lengthA && i < lengthB; ++i) {
-    const bool lastOfA = i + 1 == lengthA;
-    const bool lastOfB = i + 1 == lengthB;
-    if (lastOfA != lastOfB) return lastOfA ? -1 : 1;
-    const signed char charA = static_cast<signed char>(a[i]);
-    const signed char charB = static_cast<signed char>(b[i]);
-    if (charA != charB) return charA < charB ? -1 : 1;
-  }
-  return 0;
+  const unsigned int limit = n > 0 ? static_cast<unsigned int>(n) : 0;  // 0: the whole strings
+  unsigned int at = 0;
+  while (a[at] == b[at] && a[at] != 0) ++at;
+  if ((limit != 0 && at >= limit) || a[at] == b[at]) return 0;  // equal throughout
+  // Position at-1 is common to both; one of them may end after it.
+  if (at > 0 && (a[at] == 0) != (b[at] == 0)) return a[at] == 0 ? -1 : 1;
+  const bool lastOfA = at + 1 == limit || a[at + 1] == 0;
+  const bool lastOfB = at + 1 == limit || b[at + 1] == 0;
+  if (lastOfA != lastOfB) return lastOfA ? -1 : 1;
+  return static_cast<signed char>(a[at]) < static_cast<signed char>(b[at]) ? -1 : 1;
 }
 
 template KAVO_API unsigned int UnicodeStringLen<char>(char const*);
@@ -98,10 +94,12 @@ CBasicString<T>& CBasicString<T>::operator=(T const* s) {
   // the new buffer, so follow it there.
   const bool inside = s >= m_pData && s < m_pData + m_nCapacity;
   const int offset = inside ? static_cast<int>(s - m_pData) : 0;
-  Reserve(static_cast<int>(UnicodeStringLen(s)));
+  const int length = static_cast<int>(UnicodeStringLen(s));
+  Reserve(length);
   if (inside) s = m_pData + offset;
-  UnicodeStrCpy<T>(m_pData, s, -1);
-  m_nLength = static_cast<int>(UnicodeStringLen(m_pData));
+  memmove(m_pData, s, static_cast<size_t>(length) * sizeof(T));
+  m_pData[length] = 0;
+  m_nLength = length;
   return *this;
 }
 
