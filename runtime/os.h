@@ -19,6 +19,7 @@
 
 struct utsname;
 struct sysinfo;
+struct timeval;
 
 namespace kavo {
 namespace os {
@@ -49,6 +50,9 @@ int RunShellCommand(const char* commandLine);
 
 int Uname(struct utsname* info);
 int SysInfo(struct sysinfo* info);
+
+// gettimeofday(): the wall clock that timed waits count their deadlines on.
+int GetTimeOfDay(struct timeval* now);
 
 // sleep() and usleep(). In the fixture world they cost no time; the
 // slept total is recorded so that tests can check polling waits.
