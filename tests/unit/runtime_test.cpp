@@ -1,10 +1,15 @@
 // The runtime the library exports: the string class, code-page conversion,
 // the bounded CRT functions and the system's name, as tables of inputs.
 #include <errno.h>
+#include <time.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <functional>
+#include <map>
+#include <sstream>
 
 #include "runtime/charset.h"
 #include "runtime/crt.h"
@@ -67,44 +72,105 @@ TEST(CodePages, ConvertBothWaysWithFallbacks) {
   }
 }
 
-const int kUntouched = 12345;  // an errno value no function here stores
-
-// Each call starts on a buffer holding "ab" with errno at kUntouched: the
-// result, the text left behind, and errno (kUntouched: not set).
-TEST(BoundedText, ResultTextAndErrnoOfEachCall) {
-  const struct {
-    const char* what;
-    std::function<int(char*)> call;
-    int result;
-    const char* text;
-    int errnoAfter;
-  } rows[] = {
-      {"strcpy_s fits", [](char* d) { return strcpy_s(d, 4, "abc"); }, 0, "abc", kUntouched},
-      {"strcpy_s no room", [](char* d) { return strcpy_s(d, 3, "abc"); }, ERANGE, "", ERANGE},
-      {"strcpy_s null", [](char* d) { return strcpy_s(d, 4, nullptr); }, EINVAL, "", EINVAL},
-      {"strncpy_s count", [](char* d) { return strncpy_s(d, 4, "abcdef", 3); }, 0, "abc", kUntouched},
-      {"strncpy_s truncate", [](char* d) { return strncpy_s(d, 3, "abcdef", kTruncateCount); }, 80, "ab", kUntouched},
-      {"strcat_s no room", [](char* d) { return strcat_s(d, 4, "cd"); }, ERANGE, "", ERANGE},
-      {"strncat_s truncate", [](char* d) { return strncat_s(d, 5, "cdef", kTruncateCount); }, 80, "abcd", kUntouched},
-      {"strncat_s unterminated", [](char* d) { return strncat_s(d, 2, "a", 0); }, EINVAL, "", EINVAL},
-      {"_itoa_s no room", [](char* d) { return _itoa_s(-5, d, 2, 10); }, ERANGE, "", ERANGE},
-      {"_itoa_s radix", [](char* d) { return _itoa_s(7, d, 8, 37); }, EINVAL, "", EINVAL},
-      {"_snprintf_s truncate", [](char* d) { return _snprintf_s(d, 8, kTruncateCount, "%s", "abcdefghij"); }, -1,
-       "abcdefg", kUntouched},
-      {"_snprintf_s no room", [](char* d) { return _snprintf_s(d, 8, 10, "%s", "abcdefghij"); }, -1, "", ERANGE},
-      {"sprintf_s fits", [](char* d) { return sprintf_s(d, 5, "%s", "abcd"); }, 4, "abcd", kUntouched},
-      {"_strrev", [](char* d) { return strcmp(_strrev(strcpy(d, "abcd")), "dcba"); }, 0, "dcba", kUntouched},
-      {"_itoa", [](char* d) { return strcmp(_itoa(-2147483647 - 1, d, 10), "-2147483648"); }, 0, "-2147483648",
-       kUntouched},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    char buffer[16] = "ab";
-    errno = kUntouched;
-    EXPECT_EQ(row.result, row.call(buffer));
-    EXPECT_STREQ(row.text, buffer);
-    EXPECT_EQ(row.errnoAfter, errno);
+// One call of tests/unit/data/bounded_calls.txt: its arguments and the buffers they name.
+struct Call {
+  std::vector<std::string> words;
+  char text[64];
+  unsigned short wide[64], source[64];
+  long timer;
+  bool Null(size_t i) const { return words.at(i) == "null"; }
+  char* Buf(size_t i) { return Null(i) ? nullptr : text; }
+  unsigned short* Wide(size_t i) { return Null(i) ? nullptr : wide; }
+  const char* Str(size_t i) const { return Null(i) ? nullptr : words[i] == "''" ? "" : words[i].c_str(); }
+  const unsigned short* WideStr(size_t i) {
+    std::copy(words.at(i).c_str(), words[i].c_str() + words[i].size() + 1, source);
+    return source;
   }
+  unsigned int U(size_t i) const { return static_cast<unsigned int>(std::stoll(words.at(i), nullptr, 0)); }
+  int I(size_t i) const { return static_cast<int>(U(i)); }
+  const long* Timer(size_t i) { return Null(i) ? nullptr : &(timer = I(i)); }
+  std::string Tokens() {  // strtok_s over a copy of the first word, the tokens joined with '|'
+    std::string joined;
+    char* context = nullptr;
+    for (char* token = strtok_s(Null(0) ? nullptr : strcpy(text, words[0].c_str()), Str(1), &context); token;
+         token = strtok_s(nullptr, Str(1), &context))
+      joined += std::string(token) + "|";
+    return joined;
+  }
+};
+
+const std::map<std::string, std::function<long(Call&)>> kCalls = {
+    {"strcpy_s", [](Call& c) { return strcpy_s(c.Buf(0), c.U(1), c.Str(2)); }},
+    {"strncpy_s", [](Call& c) { return strncpy_s(c.Buf(0), c.U(1), c.Str(2), c.U(3)); }},
+    {"wcscpy_s", [](Call& c) { return wcscpy_s(c.Wide(0), c.U(1), c.WideStr(2)); }},
+    {"wcsncpy_s", [](Call& c) { return wcsncpy_s(c.Wide(0), c.U(1), c.WideStr(2), c.U(3)); }},
+    {"strcat_s", [](Call& c) { return strcat_s(c.Buf(0), c.U(1), c.Str(2)); }},
+    {"strncat_s", [](Call& c) { return strncat_s(c.Buf(0), c.U(1), c.Str(2), c.U(3)); }},
+    {"memcpy_s", [](Call& c) { return memcpy_s(c.Buf(0), c.U(1), c.Str(2), c.U(3)); }},
+    {"wmemcpy_s", [](Call& c) { return wmemcpy_s(c.Wide(0), c.U(1), c.WideStr(2), c.U(3)); }},
+    {"_strupr_s", [](Call& c) { return _strupr_s(c.Buf(0), c.U(1)); }},
+    {"_strlwr_s", [](Call& c) { return _strlwr_s(c.Buf(0), c.U(1)); }},
+    {"_itoa_s", [](Call& c) { return _itoa_s(c.I(0), c.Buf(1), c.U(2), c.I(3)); }},
+    {"_itoa", [](Call& c) { return _itoa(c.I(0), c.text, c.I(2)) == c.text; }},
+    {"_strrev", [](Call& c) { return _strrev(c.text) == c.text; }},
+    {"_strupr", [](Call& c) { return _strupr(c.text) == c.text; }},
+    {"_strlwr", [](Call& c) { return _strlwr(c.text) == c.text; }},
+    {"ctime_s", [](Call& c) { return ctime_s(c.Buf(0), c.U(1), c.Timer(2)); }},
+    {"localtime_s", [](Call& c) {
+       tm t = {};
+       const int result = localtime_s(c.Null(0) ? nullptr : &t, c.Timer(1));
+       if (!c.Null(0)) snprintf(c.text, sizeof c.text, "%d %d %d", t.tm_year, t.tm_mday, t.tm_isdst);
+       return result;
+     }},
+    {"sprintf_s", [](Call& c) { return sprintf_s(c.Buf(0), c.U(1), c.Str(2), c.Str(3)); }},
+    {"_snprintf_s", [](Call& c) { return _snprintf_s(c.Buf(0), c.U(1), c.U(2), c.Str(3), c.Str(4)); }},
+    {"strtok_s", [](Call& c) {
+       const std::string tokens = c.Tokens();
+       strcpy(c.text, tokens.c_str());
+       return std::count(tokens.begin(), tokens.end(), '|');
+     }},
+    {"sopen_s", [](Call& c) {
+       int fh = 7;
+       const int result = sopen_s(&fh, c.Str(0), c.I(1), 0, c.I(2));
+       snprintf(c.text, sizeof c.text, "%d", fh);
+       if (fh >= 0) close(fh);
+       return result;
+     }},
+    {"fopen_s", [](Call& c) {
+       FILE* file = nullptr;
+       const int result = fopen_s(&file, c.Str(0), c.Str(1));
+       if (file) fclose(file);
+       return result;
+     }},
+    {"sscanf_s", [](Call& c) { int n = 0; return sscanf_s(c.Str(0), c.Str(1), &n); }},
+    {"gets_s", [](Call& c) { return gets_s(c.Buf(0), c.U(1)) != nullptr; }},
+};
+
+TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
+  std::ifstream file(std::string(KAVO_UNIT_DATA_DIR) + "/bounded_calls.txt");
+  std::string line;
+  int rows = 0;
+  while (std::getline(file, line)) {
+    if (line[0] == '#' || ++rows == 0) continue;
+    std::istringstream words(line.substr(0, line.find(" => "))), outcome(line.substr(line.find(" => ") + 4));
+    std::string before, function, word, errnoText, after;
+    Call call;
+    words >> before >> function;
+    while (words >> word) call.words.push_back(word);
+    memset(call.text, 0, sizeof call.text);
+    memset(call.text, 'x', 8);
+    strcpy(call.text, before.c_str());
+    std::copy(call.text, call.text + sizeof call.text, call.wide);
+    long result = 0;
+    outcome >> result >> errnoText >> std::ws;
+    std::getline(outcome, after);
+    errno = 12345;
+    EXPECT_EQ(result, kCalls.at(function)(call)) << line;
+    EXPECT_EQ(errnoText == "-" ? 12345 : std::stoi(errnoText), errno) << line;
+    if (function[0] == 'w') std::copy(call.wide, call.wide + sizeof call.text, call.text);
+    EXPECT_EQ(after == "''" ? "" : after, std::string(call.text, strnlen(call.text, sizeof call.text))) << line;
+  }
+  EXPECT_GT(rows, 50);
 }
 
 // Each machine is a whole /etc world with the name it should give:
