@@ -38,6 +38,30 @@ TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
   }
 }
 
+// The open flags follow the node (octal: 2 O_RDWR, 4000 O_NONBLOCK, 200
+// O_EXCL); a generic node keeps O_NONBLOCK only while it opens and gets a
+// reserved size of 128 KiB (0x2275) and a timeout of 10800000 hundredths of a
+// second (0x2201); its block node opens read-only, without waiting.
+TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
+  fixture::FixtureWorld world;
+  world.AddFile("/etc/mtab", "");
+  fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1, its block node /dev/scd0
+  const char* const kSg = "open 4002 flags 2 2275:131072 2201:10800000 ";
+  const struct { const char* path; int exclusive; std::string log, blockLog; } rows[] = {
+      {"/dev/sg0", 0, kSg, "open 4000 "},  {"/dev/sg0", 2, kSg, "open 4000 "},
+      {"/dev/sg0", 1, "open 4202 flags 202 2275:131072 2201:10800000 ", "open 4000 "},
+      {"/dev/hdc", 0, "open 4002 ", ""}, {"/dev/hdc", 1, "open 4202 ", ""}, {"/dev/scd0", 0, "open 0 ", ""}};
+  for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/hdc"}) world.Node(node)->TakeLog();
+  for (const auto& row : rows) {
+    SCSI_GetDeviceProperties(1, 0, 0, 0)->DevicePath = row.path;
+    int block = 0;
+    kavo::os::Close(SCSI_OpenDevice(1, 0, 0, 0, row.exclusive, &block));
+    kavo::os::Close(block);
+    EXPECT_EQ(row.log, world.Node(row.path)->TakeLog()) << row.path << " " << row.exclusive;
+    EXPECT_EQ(row.blockLog, world.Node("/dev/scd0")->TakeLog()) << row.path << " " << row.exclusive;
+  }
+}
+
 TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
   fixture::FixtureWorld world;
   world.Load("cdrom_links");

@@ -46,10 +46,10 @@ TEST(CodePages, ConvertBothWaysWithFallbacks) {
     Units units;
     int toWide, toBytes;
   } rows[] = {
-      {kCodePageUtf8, "K\xC3\xA9\xE6\x97\xA5\xE2\x82\xAC", {'K', 0xE9, 0x65E5, 0x20AC}, 5, 10},
-      {kCodePageUtf7, "a+-b", {'a', '+', 'b'}, 4, 5},
-      {kCodePageUtf7, "+2A", {kLoneSurrogate}, -1, 4},  // only UTF-7 carries a lone surrogate
-      {kCodePageUtf8, "", {kLoneSurrogate}, -1, 0},
+      {65001, "K\xC3\xA9\xE6\x97\xA5\xE2\x82\xAC", {'K', 0xE9, 0x65E5, 0x20AC}, 5, 10},
+      {65000, "a+-b", {'a', '+', 'b'}, 4, 5},
+      {65000, "+2A", {kLoneSurrogate}, -1, 4},  // only UTF-7 carries a lone surrogate
+      {65001, "", {kLoneSurrogate}, -1, 0},
       {932, "\x93\xFA", {0x93, 0xFA}, 3, -1},  // ISO-8859-1 wins long before Shift-JIS
       {0, "\xA4\xA2", {0x3042}, 2, -1},        // EUC-JP before EUC-KR
       {0, "\xA9\xA1", {0x00E6}, 2, -1},        // not EUC-JP; EUC-KR before ISO-8859-1
@@ -173,16 +173,32 @@ TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
   EXPECT_GT(rows, 50);
 }
 
-// Each machine is a whole /etc world with the name it should give:
-// lsb-release, else the first release file that opens, else the kernel type.
-TEST(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
+// Each machine is a whole /etc world with what it should give, by key: its
+// name from lsb-release, else the first release file that opens, else the
+// kernel type; its version with the two numbers read from it; its memory.
+TEST(SystemInfo, NameVersionAndMemoryOfEachMachine) {
   for (const char* name : {"os/lsb", "os/lsb_keys", "os/lsb_long_line", "os/lsb_long_line_cut", "os/lsb_without_release",
                            "os/redhat_before_suse", "os/fedora_before_redhat", "os/empty_release_file",
                            "os/empty_kernel_type", "os/kernel_type_alone"}) {
     fixture::FixtureWorld world;
     world.Load(name);
-    EXPECT_EQ(world.expected, std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
+    unsigned int major = 9, minor = 9;
+    CPortableSystem::GetOSVersion(major, minor);
+    std::map<std::string, std::string> found = {
+        {"name", CPortableSystem::GetOSName().GetString()},
+        {"version", std::string(CPortableSystem::GetOSVersion().GetString()) + " " + std::to_string(major) + " " +
+                        std::to_string(minor)},
+        {"memory", std::to_string(CPortableSystem::GetTotalPhysicalMemory()) + " " +
+                       std::to_string(CPortableSystem::GetFreePhysicalMemory()) + " " +
+                       std::to_string(CPortableSystem::GetMemoryLoad())}};
+    for (const std::string& line : world.expected) {
+      const std::string key = line.substr(0, line.find(' '));
+      EXPECT_EQ(line, key + " " + found[key]) << name;
+    }
   }
+  fixture::FixtureWorld world;  // sleeps in fake time: 2 s, then 500 ms
+  for (int milliseconds : {2500, 0, -5}) CPortableSystem::PauseExecution(milliseconds);
+  EXPECT_TRUE(world.slept == 2500000 && world.sleepCalls == 2) << world.slept;
 }
 
 }  // namespace
