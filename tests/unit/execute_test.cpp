@@ -207,8 +207,10 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
   IdeAdapterCount = 0;
   Make(kIde, kInquiry, SRB_DIR_IN).SRB_CDBLen = 0;
   block_.srb.CDBByte[11] = 0x5C;
+  Ide().TakeLog();
   EXPECT_EQ("01 00 AA", Run());
-  EXPECT_EQ(0x05, data_[0]) << "read in";
+  EXPECT_EQ("open 4002 1 -1 ", Ide().TakeLog()) << "quiet, the driver's own timeout";
+  EXPECT_EQ(0x25, data_[0]) << "read in";
   EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), Ide().Commands()[0].cdb);
   const struct { unsigned char senseLen, lengthByte, copied; } rows[] = {{18, 10, 18}, {100, 56, 64}};
   for (const auto& row : rows) {
@@ -222,27 +224,65 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
   }
 }
 
-// Commands that always move data one way get the missing direction bit.
-// The drive gets each command whole, also a 16-byte one from a driver that
-// takes 12 bytes for its opcode group unless told otherwise.
+// Commands that always move data one way get the missing direction bit
+// added (0x08 in, 0x10 out; both mean no data). The drive gets each command
+// whole: a length its opcode group (opcode >> 5: 6, 10, 10, 12, 12, 12, 10,
+// 10 bytes) does not give is set first with SG_NEXT_CMD_LEN (0x2283).
 TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
-  const struct { Cdb cdb; unsigned char flagsAfter; size_t in, out; } rows[] = {
-      {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, SRB_DIR_IN, 8, 0},
-      {kReportKey, SRB_DIR_IN, 8, 0},
-      {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, SRB_DIR_IN, 8, 0},
-      {kSendKey, SRB_DIR_OUT, 0, 8},
-      {{0x88, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0}, 0, 0, 0},
-      {{0x28, 0, 0, 0, 0, 1, 0}, 0, 0, 0},
+  const struct { Cdb cdb; unsigned char flags, flagsAfter; size_t in, out; const char* armed; } rows[] = {
+      {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, 0, 0x08, 8, 0, ""},
+      {kReportKey, 0, 0x08, 8, 0, ""},
+      {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, 0, 0x08, 8, 0, ""},
+      {kSendKey, 0, 0x10, 0, 8, ""},
+      {kInquiry, 0x10, 0x18, 0, 0, ""},
+      {kSendKey, 0x08, 0x18, 0, 0, ""},
+      {{0x88, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0}, 0, 0, 0, 0, "2283:16 "},
+      {{0xBB, 0, 0, 0, 0, 0}, 0, 0, 0, 0, "2283:6 "},
+      {{0x28, 0, 0, 0, 0, 1, 0, 0, 0, 0}, 0, 0, 0, 0, ""},
   };
   for (const auto& row : rows) {
-    Make(kScsi, row.cdb, 0);
+    Make(kScsi, row.cdb, row.flags);
+    Sg().TakeLog();
     Run();
-    EXPECT_EQ(row.flagsAfter | SRB_POSTING, block_.srb.SRB_Flags);
+    EXPECT_EQ(row.flagsAfter | 0x01, block_.srb.SRB_Flags);
+    const std::string log = Sg().TakeLog();
+    EXPECT_EQ(row.armed, log.substr(std::min(log.find("2283:"), log.size())));
     const fixture::DriveCommand command = Sg().Commands().back();
     EXPECT_EQ(row.cdb, command.cdb);
     EXPECT_EQ(row.in, command.dataInLength);
     EXPECT_EQ(row.out, command.dataOut.size());
   }
+}
+
+// The entry point answers an adapter inquiry from the registry and a device
+// type from the drive's inquiry without its qualifier; it refuses other
+// commands untouched. A drive behind an emulated host reports ANSI version
+// 0, and an IDE packet with both direction bits reads.
+TEST_F(ExecuteTest, EntryPointAnswersInquiriesAndRefusesOtherCommands) {
+  SRB_HAInquiry adapter = {};
+  adapter.SRB_HaId = 1;
+  EXPECT_EQ(0x01u, SendASPI32Command(&adapter));
+  const std::string answer = std::string("\x00\x01\x01\x00\0\0\0\0\x02\x07Linux ASPI", 20) + std::string(6, 0) +
+                             "ata_piix" + std::string(8 + 3, 0) + "\x08" + std::string(2, 0) + "\x02" + std::string(9, 0);
+  EXPECT_EQ(answer, std::string(reinterpret_cast<const char*>(&adapter), 58));
+  for (unsigned char ha : {kIde, kScsi}) {
+    SRB_GDEVBlock type = {};
+    type.SRB_Cmd = 0x01, type.SRB_HaId = ha, type.SRB_Target = ha == kScsi ? 4 : 0;
+    EXPECT_EQ(0x01u, SendASPI32Command(&type));
+    EXPECT_EQ(5, type.SRB_DeviceType);
+    const Cdb cdb = fixture::DriveAt(world_, ha == kScsi ? "/dev/sg1" : "/dev/hdc").Commands().back().cdb;
+    EXPECT_EQ((Cdb{0x12, 0, 0, 0, 200, 0}), Cdb(cdb.begin(), cdb.begin() + 6));
+  }
+  unsigned char other[16] = {0x03, kX};
+  EXPECT_TRUE(SendASPI32Command(other) == 0xE0 && other[1] == kX);
+  for (unsigned char ha : {1, 3}) {
+    Make(ha, kInquiry, 0x08);
+    Run();
+    EXPECT_EQ(ha == 1 ? 0x00 : 0x05, data_[2]) << "adapter " << ha;
+  }
+  Make(kIde, kInquiry, 0x18);
+  Run();
+  EXPECT_EQ(8u, Ide().Commands().back().dataInLength);
 }
 
 // A READ(10) of bufLen bytes at lba.
@@ -316,6 +356,7 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   };
   ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&queued[0].srb);
   ASSERT_TRUE(record != nullptr && record == meanwhile && record == ASPI_OpenDevice(&queued[2].srb));
+  EXPECT_NE(std::string::npos, Sg().TakeLog().find("2201:10800000 2201:30000 ")) << "a worker waits 300 s a command";
   EXPECT_TRUE(AspiDeviceList.size() == 1 && world_.OpenDescriptorCount() == 1);
   CThread* worker = CThreadingBeginThread(ASPI_ThreadFunction, record, 0, 0, 0);
   record->QueueLock->Lock(0xFFFFFFFF);
