@@ -82,21 +82,10 @@ struct Call {
   char* Buf(size_t i) { return Null(i) ? nullptr : text; }
   unsigned short* Wide(size_t i) { return Null(i) ? nullptr : wide; }
   const char* Str(size_t i) const { return Null(i) ? nullptr : words[i] == "''" ? "" : words[i].c_str(); }
-  const unsigned short* WideStr(size_t i) {
-    std::copy(words.at(i).c_str(), words[i].c_str() + words[i].size() + 1, source);
-    return source;
-  }
+  const unsigned short* WideStr(size_t i) { return std::copy(Str(i), Str(i) + words[i].size() + 1, source), source; }
   unsigned int U(size_t i) const { return static_cast<unsigned int>(std::stoll(words.at(i), nullptr, 0)); }
   int I(size_t i) const { return static_cast<int>(U(i)); }
   const long* Timer(size_t i) { return Null(i) ? nullptr : &(timer = I(i)); }
-  std::string Tokens() {  // strtok_s over a copy of the first word, the tokens joined with '|'
-    std::string joined;
-    char* context = nullptr;
-    for (char* token = strtok_s(Null(0) ? nullptr : strcpy(text, words[0].c_str()), Str(1), &context); token;
-         token = strtok_s(nullptr, Str(1), &context))
-      joined += std::string(token) + "|";
-    return joined;
-  }
 };
 
 const std::map<std::string, std::function<long(Call&)>> kCalls = {
@@ -116,34 +105,24 @@ const std::map<std::string, std::function<long(Call&)>> kCalls = {
     {"_strupr", [](Call& c) { return _strupr(c.text) == c.text; }},
     {"_strlwr", [](Call& c) { return _strlwr(c.text) == c.text; }},
     {"ctime_s", [](Call& c) { return ctime_s(c.Buf(0), c.U(1), c.Timer(2)); }},
-    {"localtime_s", [](Call& c) {
-       tm t = {};
-       const int result = localtime_s(c.Null(0) ? nullptr : &t, c.Timer(1));
-       if (!c.Null(0)) snprintf(c.text, sizeof c.text, "%d %d %d", t.tm_year, t.tm_mday, t.tm_isdst);
-       return result;
-     }},
     {"sprintf_s", [](Call& c) { return sprintf_s(c.Buf(0), c.U(1), c.Str(2), c.Str(3)); }},
     {"_snprintf_s", [](Call& c) { return _snprintf_s(c.Buf(0), c.U(1), c.U(2), c.Str(3), c.Str(4)); }},
-    {"strtok_s", [](Call& c) {
-       const std::string tokens = c.Tokens();
-       strcpy(c.text, tokens.c_str());
-       return std::count(tokens.begin(), tokens.end(), '|');
+    {"localtime_s", [](Call& c) {  // the buffer shows the year, the day and the daylight flag
+       tm t = {};
+       const int result = localtime_s(c.Null(0) ? nullptr : &t, c.Timer(1));
+       return c.Null(0) ? result : (snprintf(c.text, 64, "%d %d %d", t.tm_year, t.tm_mday, t.tm_isdst), result);
      }},
-    {"sopen_s", [](Call& c) {
-       int fh = 7;
-       const int result = sopen_s(&fh, c.Str(0), c.I(1), 0, c.I(2));
-       snprintf(c.text, sizeof c.text, "%d", fh);
-       if (fh >= 0) close(fh);
-       return result;
+    {"sopen_s", [](Call& c) {  // the buffer shows the descriptor
+       int fh = 7, result = sopen_s(&fh, c.Str(0), c.I(1), 0, c.I(2));
+       return snprintf(c.text, 64, "%d", fh), fh == -1 ? result : 1000 + close(fh);
      }},
-    {"fopen_s", [](Call& c) {
-       FILE* file = nullptr;
-       const int result = fopen_s(&file, c.Str(0), c.Str(1));
-       if (file) fclose(file);
-       return result;
+    {"strtok_s", [](Call& c) {  // over a copy of the first word; the buffer shows the tokens, each ended by '|'
+       std::string tokens, input = c.words[0];
+       char* context = nullptr;
+       for (char* t = strtok_s(c.Null(0) ? nullptr : &input[0], c.Str(1), &context); t; t = strtok_s(nullptr, c.Str(1), &context))
+         tokens += std::string(t) + "|";
+       return strcpy(c.text, tokens.c_str()), std::count(tokens.begin(), tokens.end(), '|');
      }},
-    {"sscanf_s", [](Call& c) { int n = 0; return sscanf_s(c.Str(0), c.Str(1), &n); }},
-    {"gets_s", [](Call& c) { return gets_s(c.Buf(0), c.U(1)) != nullptr; }},
 };
 
 TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
