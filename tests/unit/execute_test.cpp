@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <map>
 #include <thread>
 
 #include "aspi/execute_internal.h"
@@ -127,76 +128,52 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   EXPECT_TRUE(Sg().Commands().empty());
 }
 
-// Refused requests write only their status (and a direction correction) and reach no drive.
-TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
-  const struct {
-    unsigned char adapter, target, cdbLen;
-    unsigned int bufLen;
-    bool buffer;
-    const char* result;
-    unsigned char flagsAfter;
-  } rows[] = {
-      {1, 5, 6, 36, true, "82 AA AA", SRB_DIR_IN},      // unknown target past the IDE adapter; INQUIRY still corrected
-      {kIde, 3, 6, 36, true, "82 AA AA", 0},            // no corrections on the IDE path
-      {kScsi, 4, 17, 36, true, "E0 AA AA", SRB_DIR_IN},
-      {kScsi, 4, 6, 0xFFFFFFF0u, true, "E0 AA AA", SRB_DIR_IN},
-      {kScsi, 4, 6, 36, false, "E0 AA AA", SRB_DIR_IN},
-      {kIde, 0, 13, 0, true, "80 AA AA", 0},  // the packet holds 12 bytes
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    SRB_ExecSCSICmd& srb = Make(row.adapter, kInquiry, 0);
-    srb.SRB_Target = row.target;
-    srb.SRB_CDBLen = row.cdbLen;
-    srb.SRB_BufLen = row.bufLen;
-    if (!row.buffer) srb.SRB_BufPointer = nullptr;
-    EXPECT_EQ(row.result, Run());
-    EXPECT_EQ(row.flagsAfter | SRB_POSTING, srb.SRB_Flags);
-  }
-  EXPECT_TRUE(Sg().Commands().empty() && Ide().Commands().empty() && DataUntouched());
+// The bytes of a command as a row gives them: hexadecimal, dot-separated.
+Cdb Bytes(const std::string& text) {
+  Cdb bytes;
+  for (size_t at = 0; at < text.size(); at += 3) bytes.push_back(static_cast<unsigned char>(std::stoi(text.substr(at, 2), nullptr, 16)));
+  return bytes;
 }
 
-// Driver faults leave the result fields, sense and data alone; an
-// interrupted read is read again. The sense key decides the target status;
-// at most 16 sense bytes come back, as many as asked for; without sense
-// asked for, what the caller left is judged.
-TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
-  const int kNoSense = 0xFF;
-  const struct {
-    Fault fault;
-    unsigned char status;
-    int key;
-    Cdb cdb;
-    unsigned char senseLen, left0, left2;
-    const char* result;
-  } rows[] = {
-      {Fault::ShortRead, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
-      {Fault::DriverBusy, 0, kNoSense, kInquiry, 14, kX, kX, "E5 AA AA"},
-      {Fault::DriverError, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
-      {Fault::InterruptedRead, 0, kNoSense, kTur, 14, kX, kX, "01 00 00"},
-      {Fault::None, 0x02, 0x00, kTur, 14, kX, kX, "01 00 00"},       // nothing to report
-      {Fault::None, 0x02, 0x06, kTur, 32, kX, kX, "04 00 06"},       // UNIT ATTENTION
-      {Fault::None, 0x02, 0x05, kReportKey, 14, kX, kX, "01 00 00"},  // the key commands complete anyway
-      {Fault::None, 0x02, 0x05, kSendKey, 14, kX, kX, "01 00 00"},
-      {Fault::None, 0x02, 0x02, kTur, 0, 0x00, kX, "04 00 02"},       // the status byte itself
-      {Fault::None, 0x28, kNoSense, kTur, 0, 0x00, kX, "04 00 28"},   // TASK SET FULL
-      {Fault::None, 0x00, kNoSense, kTur, 0, 0xF0, 0x02, "04 00 02"},  // good, but the caller's sense says NOT READY
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    Sg().FailNext(row.fault, row.status, static_cast<unsigned char>(row.key));
-    SRB_ExecSCSICmd& srb = Make(kScsi, row.cdb, SRB_DIR_IN, row.senseLen);
-    srb.SenseArea[0] = row.left0;
-    srb.SenseArea[2] = row.left2;
-    EXPECT_EQ(row.result, Run());
-    if (row.fault != Fault::None && row.fault != Fault::InterruptedRead) {
-      EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
+// Each request of tests/fixture/data/rows/requests.txt and what it ends
+// with, in the block and at the drive: refusals, driver faults, status and
+// sense, direction corrections, command lengths.
+TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
+  const std::map<std::string, Fault> faults = {{"busy", Fault::DriverBusy}, {"error", Fault::DriverError},
+                                               {"short", Fault::ShortRead}, {"eintr", Fault::InterruptedRead}};
+  for (const auto& row : fixture::Rows("rows/requests")) {
+    SCOPED_TRACE(row[2] + " on adapter " + row[0]);
+    const unsigned char adapter = static_cast<unsigned char>(fixture::Number(row[0]));
+    EmulatedDrive& drive = fixture::DriveAt(world_, adapter == kIde ? "/dev/hdc" : adapter == 1 ? "/dev/sg0" : "/dev/sg1");
+    const size_t slash = row[7].find('/'), commands = drive.Commands().size();
+    const int key = slash == std::string::npos || row[7][slash + 1] == '-' ? 0xFF : std::stoi(row[7].substr(slash + 1), nullptr, 16);
+    drive.FailNext(faults.count(row[7]) ? faults.at(row[7]) : Fault::None,
+                   slash == std::string::npos ? 0 : static_cast<unsigned char>(std::stoi(row[7], nullptr, 16)),
+                   static_cast<unsigned char>(key));
+    SRB_ExecSCSICmd& srb = Make(adapter, Bytes(row[2]), static_cast<unsigned char>(std::stoi(row[4], nullptr, 16)),
+                                static_cast<unsigned char>(fixture::Number(row[5])));
+    srb.SRB_Target = static_cast<unsigned char>(fixture::Number(row[1]));
+    if (row[3] != "-") srb.SRB_CDBLen = static_cast<unsigned char>(fixture::Number(row[3]));
+    srb.SRB_BufLen = static_cast<unsigned int>(fixture::Number(row[6]));
+    if (row[6].find("null") != std::string::npos) srb.SRB_BufPointer = nullptr;
+    srb.SenseArea[0] = static_cast<unsigned char>(std::stoi(row[8], nullptr, 16));
+    srb.SenseArea[2] = static_cast<unsigned char>(std::stoi(row[8].substr(3), nullptr, 16));
+    drive.TakeLog();
+    EXPECT_EQ(row[10], Run());
+    EXPECT_EQ(std::stoi(row[11], nullptr, 16) | 0x01, srb.SRB_Flags);
+    const std::string log = drive.TakeLog();
+    if (row[12] == "-") {
+      EXPECT_TRUE(drive.Commands().size() == commands && DataUntouched());
+      continue;
     }
-    if (row.key == kNoSense || row.senseLen == 0) continue;
-    const int copied = std::min(row.senseLen, static_cast<unsigned char>(16));
-    EXPECT_EQ(0x28, SenseByte(12));
-    EXPECT_EQ(0x00, SenseByte(copied - 1));
-    EXPECT_EQ(kX, SenseByte(copied));
+    const fixture::DriveCommand command = drive.Commands().back();
+    EXPECT_EQ(Bytes(row[12]), command.cdb);
+    EXPECT_TRUE(command.dataInLength == fixture::Number(row[13]) && command.dataOut.size() == fixture::Number(row[14]));
+    EXPECT_EQ(row[15] == "-" ? "" : "2283:" + row[15] + " ", log.substr(std::min(log.find("2283:"), log.size())));
+    if (faults.count(row[7]) && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
+    if (key == 0xFF || srb.SRB_SenseLen == 0) continue;
+    const int copied = std::min(srb.SRB_SenseLen, static_cast<unsigned char>(16));
+    EXPECT_TRUE(SenseByte(12) == 0x28 && SenseByte(copied - 1) == 0x00 && SenseByte(copied) == kX);
   }
 }
 
@@ -221,36 +198,6 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
     EXPECT_EQ(0x05, SenseByte(2));
     EXPECT_EQ(0x00, SenseByte(row.copied - 1));
     EXPECT_EQ(kX, SenseByte(row.copied)) << static_cast<int>(row.senseLen);
-  }
-}
-
-// Commands that always move data one way get the missing direction bit
-// added (0x08 in, 0x10 out; both mean no data). The drive gets each command
-// whole: a length its opcode group (opcode >> 5: 6, 10, 10, 12, 12, 12, 10,
-// 10 bytes) does not give is set first with SG_NEXT_CMD_LEN (0x2283).
-TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
-  const struct { Cdb cdb; unsigned char flags, flagsAfter; size_t in, out; const char* armed; } rows[] = {
-      {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, 0, 0x08, 8, 0, ""},
-      {kReportKey, 0, 0x08, 8, 0, ""},
-      {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, 0, 0x08, 8, 0, ""},
-      {kSendKey, 0, 0x10, 0, 8, ""},
-      {kInquiry, 0x10, 0x18, 0, 0, ""},
-      {kSendKey, 0x08, 0x18, 0, 0, ""},
-      {{0x88, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0}, 0, 0, 0, 0, "2283:16 "},
-      {{0xBB, 0, 0, 0, 0, 0}, 0, 0, 0, 0, "2283:6 "},
-      {{0x28, 0, 0, 0, 0, 1, 0, 0, 0, 0}, 0, 0, 0, 0, ""},
-  };
-  for (const auto& row : rows) {
-    Make(kScsi, row.cdb, row.flags);
-    Sg().TakeLog();
-    Run();
-    EXPECT_EQ(row.flagsAfter | 0x01, block_.srb.SRB_Flags);
-    const std::string log = Sg().TakeLog();
-    EXPECT_EQ(row.armed, log.substr(std::min(log.find("2283:"), log.size())));
-    const fixture::DriveCommand command = Sg().Commands().back();
-    EXPECT_EQ(row.cdb, command.cdb);
-    EXPECT_EQ(row.in, command.dataInLength);
-    EXPECT_EQ(row.out, command.dataOut.size());
   }
 }
 
