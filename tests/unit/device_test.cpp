@@ -38,27 +38,20 @@ TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
   }
 }
 
-// The open flags follow the node (octal: 2 O_RDWR, 4000 O_NONBLOCK, 200
-// O_EXCL); a generic node keeps O_NONBLOCK only while it opens and gets a
-// reserved size of 128 KiB (0x2275) and a timeout of 10800000 hundredths of a
-// second (0x2201); its block node opens read-only, without waiting.
+// The open flags follow the node; a generic node keeps O_NONBLOCK only
+// while it opens, and gets its reserved size and command timeout.
 TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");
   fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1, its block node /dev/scd0
-  const char* const kSg = "open 4002 flags 2 2275:131072 2201:10800000 ";
-  const struct { const char* path; int exclusive; std::string log, blockLog; } rows[] = {
-      {"/dev/sg0", 0, kSg, "open 4000 "},  {"/dev/sg0", 2, kSg, "open 4000 "},
-      {"/dev/sg0", 1, "open 4202 flags 202 2275:131072 2201:10800000 ", "open 4000 "},
-      {"/dev/hdc", 0, "open 4002 ", ""}, {"/dev/hdc", 1, "open 4202 ", ""}, {"/dev/scd0", 0, "open 0 ", ""}};
   for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/hdc"}) world.Node(node)->TakeLog();
-  for (const auto& row : rows) {
-    SCSI_GetDeviceProperties(1, 0, 0, 0)->DevicePath = row.path;
+  for (const auto& row : fixture::Rows("rows/open_flags")) {
+    SCSI_GetDeviceProperties(1, 0, 0, 0)->DevicePath = row[0].c_str();
     int block = 0;
-    kavo::os::Close(SCSI_OpenDevice(1, 0, 0, 0, row.exclusive, &block));
+    kavo::os::Close(SCSI_OpenDevice(1, 0, 0, 0, static_cast<int>(fixture::Number(row[1])), &block));
     kavo::os::Close(block);
-    EXPECT_EQ(row.log, world.Node(row.path)->TakeLog()) << row.path << " " << row.exclusive;
-    EXPECT_EQ(row.blockLog, world.Node("/dev/scd0")->TakeLog()) << row.path << " " << row.exclusive;
+    EXPECT_EQ(row[2], world.Node(row[0])->TakeLog()) << row[0] << " " << row[1];
+    EXPECT_EQ(row[3], world.Node("/dev/scd0")->TakeLog()) << row[0] << " " << row[1];
   }
 }
 
@@ -88,30 +81,22 @@ TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
   fixture::FixtureWorld tools;
   tools.Load("unmount_chain");
   const Lines chain = tools.expected;  // each tool's command, in order
-  const struct {
-    int mounts;            // -1: no table
-    const char* unmounts;  // the tool that takes a mount away
-    std::vector<int> commands;
-  } rows[] = {{0, "umount ", {}},
-              {2, "umount ", {0, 0}},
-              {1, "pumount ", {0, 1}},
-              {1, "gnome-mount ", {0, 1, 2, 3}},
-              {-1, "none", {0, 1, 2, 3, 4}}};
-  for (const auto& row : rows) {
+  for (const auto& row : fixture::Rows("rows/unmount_chain")) {
     fixture::FixtureWorld world;
-    int mounts = row.mounts;
+    int mounts = row[0] == "none" ? -1 : static_cast<int>(fixture::Number(row[0]));
     Lines commands;
     auto table = [&] { world.AddFile("/etc/mtab", mounts == 2 ? "/dev/sr0 a\n/dev/sr0 b\n" : mounts ? "/dev/sr0 a\n" : ""); };
     if (mounts >= 0) table();
     world.shellHook = [&](const std::string& command) {
       commands.push_back(command);
-      if (mounts > 0 && command.compare(0, strlen(row.unmounts), row.unmounts) == 0) --mounts, table();
+      if (mounts > 0 && command.compare(0, row[1].size() + 1, row[1] + " ") == 0) --mounts, table();
       return 1;
     };
     SCSI_UnmountVolumes("/dev/sr0");
     Lines expected;
-    for (int command : row.commands) expected.push_back(chain.at(command));
-    EXPECT_EQ(expected, commands) << row.mounts << " " << row.unmounts;
+    for (size_t at = 0; at < row[2].size(); at += 2)
+      if (row[2][at] != '-') expected.push_back(chain.at(row[2][at] - '0'));
+    EXPECT_EQ(expected, commands) << row[0] << " " << row[1];
   }
 }
 
@@ -189,28 +174,17 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
     ++shellCommands;
     return 0;
   };
-  const struct {
-    int adapter, set, result;
-    const char *failing, *holds, *sent;  // sent: L a lock, U an unlock
-  } rows[] = {{1, 1, 0, "", "/dev/scd0x1 /dev/sg0x1 locked 2", "L"},
-              {1, 1, 0, "", "/dev/scd0x1 /dev/sg0x2 locked 2", "L"},
-              {1, 0, 0, "", "/dev/sg0x1 locked 1", "L"},
-              {1, 0, 0, "", "0", "LU"},
-              {1, 0, -1, "", "0", "LU"},
-              {0, 0, -1, "", "0", "LU"},  // registered but never held
-              {0, 1, 0, "", "/dev/hdcx1 1", "LU"},
-              {0, 0, 0, "", "0", "LU"},
-              {1, 1, 0, "dbus_connection_send_with_reply_and_block", "/dev/scd0x1 /dev/sg0x1 2", "LUL"},
-              {1, 0, 0, "", "0", "LUL"}};
-  for (const auto& row : rows) {
-    hal.failing = row.failing;
-    EXPECT_EQ(row.result, row.set ? ASPI_setExclusiveMode(row.adapter, 0) : ASPI_unsetExclusiveMode(row.adapter, 0));
-    EXPECT_EQ(row.holds, Holds(world));
+  int at = 0;
+  for (const auto& row : fixture::Rows("rows/exclusive")) {
+    const int adapter = static_cast<int>(fixture::Number(row[0]));
+    hal.failing = row[3];
+    EXPECT_EQ(fixture::Number(row[2]), row[1] == "1" ? ASPI_setExclusiveMode(adapter, 0) : ASPI_unsetExclusiveMode(adapter, 0));
+    EXPECT_EQ(row[4], Holds(world));
     std::string sent;
     for (const std::string& method : hal.Sent()) sent += method[0];
-    EXPECT_EQ(row.sent, sent) << &row - rows;
-    if (&row == rows) world.Remove("/etc/mtab");  // a second unmount at the nested set would show
-    if (&row == rows + 1) world.AddFile("/etc/mtab", "");
+    EXPECT_EQ(row[5], sent) << "row " << at;
+    if (at == 0) world.Remove("/etc/mtab");  // a second unmount at the nested set would show
+    if (at++ == 1) world.AddFile("/etc/mtab", "");
   }
   EXPECT_EQ(0, shellCommands);
   world.Node("/dev/sg0")->onOpen = [] { return EBUSY; };

@@ -128,13 +128,6 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   EXPECT_TRUE(Sg().Commands().empty());
 }
 
-// The bytes of a command as a row gives them: hexadecimal, dot-separated.
-Cdb Bytes(const std::string& text) {
-  Cdb bytes;
-  for (size_t at = 0; at < text.size(); at += 3) bytes.push_back(static_cast<unsigned char>(std::stoi(text.substr(at, 2), nullptr, 16)));
-  return bytes;
-}
-
 // Each request of tests/fixture/data/rows/requests.txt and what it ends
 // with, in the block and at the drive: refusals, driver faults, status and
 // sense, direction corrections, command lengths.
@@ -150,7 +143,7 @@ TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
     drive.FailNext(faults.count(row[7]) ? faults.at(row[7]) : Fault::None,
                    slash == std::string::npos ? 0 : static_cast<unsigned char>(std::stoi(row[7], nullptr, 16)),
                    static_cast<unsigned char>(key));
-    SRB_ExecSCSICmd& srb = Make(adapter, Bytes(row[2]), static_cast<unsigned char>(std::stoi(row[4], nullptr, 16)),
+    SRB_ExecSCSICmd& srb = Make(adapter, fixture::Hex<unsigned char>(row[2]), static_cast<unsigned char>(std::stoi(row[4], nullptr, 16)),
                                 static_cast<unsigned char>(fixture::Number(row[5])));
     srb.SRB_Target = static_cast<unsigned char>(fixture::Number(row[1]));
     if (row[3] != "-") srb.SRB_CDBLen = static_cast<unsigned char>(fixture::Number(row[3]));
@@ -167,7 +160,7 @@ TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
       continue;
     }
     const fixture::DriveCommand command = drive.Commands().back();
-    EXPECT_EQ(Bytes(row[12]), command.cdb);
+    EXPECT_EQ(fixture::Hex<unsigned char>(row[12]), command.cdb);
     EXPECT_TRUE(command.dataInLength == fixture::Number(row[13]) && command.dataOut.size() == fixture::Number(row[14]));
     EXPECT_EQ(row[15] == "-" ? "" : "2283:" + row[15] + " ", log.substr(std::min(log.find("2283:"), log.size())));
     if (faults.count(row[7]) && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());

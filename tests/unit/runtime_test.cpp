@@ -35,40 +35,21 @@ TEST(BasicString, GrowsByOneRuleAndComparesByteWise) {
 
 using Units = std::vector<unsigned short>;
 
-// Text no set of the code page takes goes down the fallback list; the first
-// set that takes it wins. Results count the terminator; 0 is a failure, -1
-// not tried.
 TEST(CodePages, ConvertBothWaysWithFallbacks) {
-  const unsigned short kLoneSurrogate = 0xD800;
-  const struct {
-    unsigned int codePage;
-    std::string bytes;
-    Units units;
-    int toWide, toBytes;
-  } rows[] = {
-      {65001, "K\xC3\xA9\xE6\x97\xA5\xE2\x82\xAC", {'K', 0xE9, 0x65E5, 0x20AC}, 5, 10},
-      {65000, "a+-b", {'a', '+', 'b'}, 4, 5},
-      {65000, "+2A", {kLoneSurrogate}, -1, 4},  // only UTF-7 carries a lone surrogate
-      {65001, "", {kLoneSurrogate}, -1, 0},
-      {932, "\x93\xFA", {0x93, 0xFA}, 3, -1},  // ISO-8859-1 wins long before Shift-JIS
-      {0, "\xA4\xA2", {0x3042}, 2, -1},        // EUC-JP before EUC-KR
-      {0, "\xA9\xA1", {0x00E6}, 2, -1},        // not EUC-JP; EUC-KR before ISO-8859-1
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.bytes);
-    unsigned short wide[16] = {0};
-    if (row.toWide != -1) {
-      EXPECT_EQ(row.toWide, MultiByteToWideChar(row.codePage, 0, row.bytes.c_str(), -1, wide, 16));
-      EXPECT_EQ(row.units, Units(wide, wide + row.toWide - 1));
+  for (const auto& row : fixture::Rows("rows/code_pages")) {
+    SCOPED_TRACE(row[1]);
+    const std::vector<char> bytes = fixture::Hex<char>(row[1]);
+    Units units = fixture::Hex<unsigned short>(row[2]), wide(16, 0);
+    const unsigned int codePage = static_cast<unsigned int>(fixture::Number(row[0]));
+    if (row[3] != "-") {
+      EXPECT_EQ(fixture::Number(row[3]), MultiByteToWideChar(codePage, 0, std::string(bytes.begin(), bytes.end()).c_str(), -1, wide.data(), 16));
+      EXPECT_EQ(units, Units(wide.begin(), wide.begin() + fixture::Number(row[3]) - 1));
     }
-    if (row.toBytes == -1) continue;
-    Units text = row.units;
-    text.push_back(0);
-    char bytes[16] = "";
-    EXPECT_EQ(row.toBytes, WideCharToMultiByte(row.codePage, 0, text.data(), -1, bytes, 16, nullptr, nullptr));
-    if (row.toBytes != 0) {
-      EXPECT_EQ(row.bytes, bytes);
-    }
+    if (row[4] == "-") continue;
+    units.push_back(0);
+    char text[16] = "";
+    EXPECT_EQ(fixture::Number(row[4]), WideCharToMultiByte(codePage, 0, units.data(), -1, text, 16, nullptr, nullptr));
+    if (row[4] != "0") EXPECT_EQ(std::string(bytes.begin(), bytes.end()), text);
   }
 }
 
