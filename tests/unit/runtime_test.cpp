@@ -53,7 +53,7 @@ TEST(CodePages, ConvertBothWaysWithFallbacks) {
   }
 }
 
-// One call of tests/unit/data/bounded_calls.txt: its arguments and the buffers they name.
+// One call of tests/fixture/data/rows/bounded_calls.txt: its arguments and the buffers they name.
 struct Call {
   std::vector<std::string> words;
   char text[64];
@@ -62,7 +62,7 @@ struct Call {
   bool Null(size_t i) const { return words.at(i) == "null"; }
   char* Buf(size_t i) { return Null(i) ? nullptr : text; }
   unsigned short* Wide(size_t i) { return Null(i) ? nullptr : wide; }
-  const char* Str(size_t i) const { return Null(i) ? nullptr : words[i] == "''" ? "" : words[i].c_str(); }
+  const char* Str(size_t i) const { return Null(i) ? nullptr : words[i].c_str(); }
   const unsigned short* WideStr(size_t i) { return std::copy(Str(i), Str(i) + words[i].size() + 1, source), source; }
   unsigned int U(size_t i) const { return static_cast<unsigned int>(std::stoll(words.at(i), nullptr, 0)); }
   int I(size_t i) const { return static_cast<int>(U(i)); }
@@ -107,30 +107,23 @@ const std::map<std::string, std::function<long(Call&)>> kCalls = {
 };
 
 TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
-  std::ifstream file(std::string(KAVO_UNIT_DATA_DIR) + "/bounded_calls.txt");
-  std::string line;
-  int rows = 0;
-  while (std::getline(file, line)) {
-    if (line[0] == '#' || ++rows == 0) continue;
-    std::istringstream words(line.substr(0, line.find(" => "))), outcome(line.substr(line.find(" => ") + 4));
-    std::string before, function, word, errnoText, after;
+  const auto rows = fixture::Rows("rows/bounded_calls");
+  EXPECT_GT(rows.size(), 50u);
+  for (const auto& row : rows) {
+    const size_t arrow = std::find(row.begin(), row.end(), "=>") - row.begin();
     Call call;
-    words >> before >> function;
-    while (words >> word) call.words.push_back(word);
+    call.words.assign(row.begin() + 2, row.begin() + arrow);
     memset(call.text, 0, sizeof call.text);
     memset(call.text, 'x', 8);
-    strcpy(call.text, before.c_str());
+    strcpy(call.text, row[0].c_str());
     std::copy(call.text, call.text + sizeof call.text, call.wide);
-    long result = 0;
-    outcome >> result >> errnoText >> std::ws;
-    std::getline(outcome, after);
     errno = 12345;
-    EXPECT_EQ(result, kCalls.at(function)(call)) << line;
-    EXPECT_EQ(errnoText == "-" ? 12345 : std::stoi(errnoText), errno) << line;
-    if (function[0] == 'w') std::copy(call.wide, call.wide + sizeof call.text, call.text);
-    EXPECT_EQ(after == "''" ? "" : after, std::string(call.text, strnlen(call.text, sizeof call.text))) << line;
+    const std::string what = row[1] + " " + (call.words.empty() ? "" : call.words[0]);
+    EXPECT_EQ(fixture::Number(row.at(arrow + 1)), kCalls.at(row[1])(call)) << what;
+    EXPECT_EQ(row[arrow + 2] == "-" ? 12345 : fixture::Number(row[arrow + 2]), errno) << what;
+    if (row[1][0] == 'w') std::copy(call.wide, call.wide + sizeof call.text, call.text);
+    EXPECT_EQ(row[arrow + 3], std::string(call.text, strnlen(call.text, sizeof call.text))) << what;
   }
-  EXPECT_GT(rows, 50);
 }
 
 // Each machine is a whole /etc world with what it should give, by key: its

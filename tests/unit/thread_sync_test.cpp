@@ -40,11 +40,9 @@ TEST(Sync, StepsOfEachObject) {
 
 using std::chrono::milliseconds;
 
-// A timed wait on a mutex another thread holds, or an empty semaphore or
-// event, ends with 0 at its deadline on the seam's clock: not sooner, and
-// long before the release 2 s on, which a wait a thousand times too long
-// meets (it returns 1). With the clock set back, a long timeout ends 100 ms
-// on; with its microseconds at 999000, a 1 ms timeout ends on a whole second.
+// Each wait of tests/fixture/data/rows/timed_waits.txt ends with 0 at its
+// deadline on the seam's clock: not sooner, and long before the release 2 s
+// on, which a wait a thousand times too long meets (it returns 1).
 TEST(Sync, TimedWaitsEndAtTheirDeadline) {
   fixture::FixtureWorld world;
   CPosixMutex mutex(0);
@@ -57,16 +55,13 @@ TEST(Sync, TimedWaitsEndAtTheirDeadline) {
     mutex.Unlock(), semaphore.Unlock(), event.SetEvent();
   });
   while (mutex.Lock(0) == 1) mutex.Unlock();
-  const struct { CPosixSyncObject* object; unsigned int timeout; long long shift; int microseconds, least; } rows[] = {
-      {&mutex, 100, 0, -1, 95},          {&semaphore, 100, 0, -1, 95},      {&event, 100, 0, -1, 95},
-      {&mutex, 1500, -1400000, -1, 95},  {&semaphore, 1500, -1400000, -1, 95},
-      {&mutex, 1, -1000000, 999000, 0},  {&semaphore, 1, -1000000, 999000, 0}};
-  for (const auto& row : rows) {
-    world.clockShift = row.shift;
-    world.clockMicroseconds = row.microseconds;
+  for (const auto& row : fixture::Rows("rows/timed_waits")) {
+    CPosixSyncObject* object = row[0] == "mutex" ? &mutex : row[0] == "event" ? &event : static_cast<CPosixSyncObject*>(&semaphore);
+    world.clockShift = fixture::Number(row[2]);
+    world.clockMicroseconds = static_cast<int>(fixture::Number(row[3]));
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, row.object->Lock(row.timeout)) << &row - rows;
-    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(row.least)) << &row - rows;
+    EXPECT_EQ(0, object->Lock(static_cast<unsigned int>(fixture::Number(row[1])))) << row[0] << " " << row[1];
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(fixture::Number(row[4]))) << row[0] << " " << row[1];
   }
   done = true;
   holder.join();
