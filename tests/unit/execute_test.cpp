@@ -1,8 +1,6 @@
-// Execute requests through the real command path against emulated drives:
-// refusals, driver faults, target status and sense, direction fixes, an
-// older driver's command lengths and the IDE packet, none of which a real
-// drive can be made to show on demand; then requests racing holds,
-// rebuilds and each other, alone or queued on a device's worker.
+// Execute requests through the real command path against emulated drives,
+// with faults and answers no real drive shows on demand; then requests racing
+// holds, rebuilds and each other, alone or queued on a device's worker.
 #include <stdio.h>
 #include <string.h>
 
@@ -26,7 +24,6 @@ using Cdb = std::vector<unsigned char>;
 // The "drives" machine: hdc on adapter 0, an emulated host's sg0 on adapter 1, sg1 at target 4 of adapter 3.
 const unsigned char kIde = 0, kScsi = 3, kX = 0xAA;  // kX: what the library must leave alone
 const Cdb kInquiry = {0x12, 0, 0, 0, 36, 0}, kTur = {0, 0, 0, 0, 0, 0};
-const Cdb kReportKey = {0xA4, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0}, kSendKey = {0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
 
 // A block with room for sense beyond its own 16 bytes, and what its posts saw.
 struct Request {
@@ -129,42 +126,38 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
 }
 
 // Each request of tests/fixture/data/rows/requests.txt and what it ends
-// with, in the block and at the drive: refusals, driver faults, status and
-// sense, direction corrections, command lengths.
+// with, in the block and at the drive.
 TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
-  const std::map<std::string, Fault> faults = {{"busy", Fault::DriverBusy}, {"error", Fault::DriverError},
+  const std::map<std::string, Fault> faults = {{"-", Fault::None}, {"busy", Fault::DriverBusy}, {"error", Fault::DriverError},
                                                {"short", Fault::ShortRead}, {"eintr", Fault::InterruptedRead}};
+  auto byte = [](const std::string& hex) { return hex == "-" ? 0xFF : std::stoi(hex, nullptr, 16); };
   for (const auto& row : fixture::Rows("rows/requests")) {
     SCOPED_TRACE(row[2] + " on adapter " + row[0]);
     const unsigned char adapter = static_cast<unsigned char>(fixture::Number(row[0]));
     EmulatedDrive& drive = fixture::DriveAt(world_, adapter == kIde ? "/dev/hdc" : adapter == 1 ? "/dev/sg0" : "/dev/sg1");
-    const size_t slash = row[7].find('/'), commands = drive.Commands().size();
-    const int key = slash == std::string::npos || row[7][slash + 1] == '-' ? 0xFF : std::stoi(row[7].substr(slash + 1), nullptr, 16);
-    drive.FailNext(faults.count(row[7]) ? faults.at(row[7]) : Fault::None,
-                   slash == std::string::npos ? 0 : static_cast<unsigned char>(std::stoi(row[7], nullptr, 16)),
-                   static_cast<unsigned char>(key));
-    SRB_ExecSCSICmd& srb = Make(adapter, fixture::Hex<unsigned char>(row[2]), static_cast<unsigned char>(std::stoi(row[4], nullptr, 16)),
+    const size_t commands = drive.Commands().size();
+    drive.FailNext(faults.at(row[7]), static_cast<unsigned char>(byte(row[8])), static_cast<unsigned char>(byte(row[9])));
+    SRB_ExecSCSICmd& srb = Make(adapter, fixture::Hex<unsigned char>(row[2]), static_cast<unsigned char>(byte(row[4])),
                                 static_cast<unsigned char>(fixture::Number(row[5])));
     srb.SRB_Target = static_cast<unsigned char>(fixture::Number(row[1]));
     if (row[3] != "-") srb.SRB_CDBLen = static_cast<unsigned char>(fixture::Number(row[3]));
     srb.SRB_BufLen = static_cast<unsigned int>(fixture::Number(row[6]));
     if (row[6].find("null") != std::string::npos) srb.SRB_BufPointer = nullptr;
-    srb.SenseArea[0] = static_cast<unsigned char>(std::stoi(row[8], nullptr, 16));
-    srb.SenseArea[2] = static_cast<unsigned char>(std::stoi(row[8].substr(3), nullptr, 16));
+    srb.SenseArea[0] = static_cast<unsigned char>(byte(row[10])), srb.SenseArea[2] = static_cast<unsigned char>(byte(row[11]));
     drive.TakeLog();
-    EXPECT_EQ(row[10], Run());
-    EXPECT_EQ(std::stoi(row[11], nullptr, 16) | 0x01, srb.SRB_Flags);
+    EXPECT_EQ(row[13], Run());
+    EXPECT_EQ(byte(row[14]) | 0x01, srb.SRB_Flags);
     const std::string log = drive.TakeLog();
-    if (row[12] == "-") {
+    if (row[15] == "-") {
       EXPECT_TRUE(drive.Commands().size() == commands && DataUntouched());
       continue;
     }
     const fixture::DriveCommand command = drive.Commands().back();
-    EXPECT_EQ(fixture::Hex<unsigned char>(row[12]), command.cdb);
-    EXPECT_TRUE(command.dataInLength == fixture::Number(row[13]) && command.dataOut.size() == fixture::Number(row[14]));
-    EXPECT_EQ(row[15] == "-" ? "" : "2283:" + row[15] + " ", log.substr(std::min(log.find("2283:"), log.size())));
-    if (faults.count(row[7]) && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
-    if (key == 0xFF || srb.SRB_SenseLen == 0) continue;
+    EXPECT_EQ(fixture::Hex<unsigned char>(row[15]), command.cdb);
+    EXPECT_TRUE(command.dataInLength == fixture::Number(row[16]) && command.dataOut.size() == fixture::Number(row[17]));
+    EXPECT_EQ(row[18] == "-" ? "" : "2283:" + row[18] + " ", log.substr(std::min(log.find("2283:"), log.size())));
+    if (row[7] != "-" && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
+    if (row[9] == "-" || srb.SRB_SenseLen == 0) continue;
     const int copied = std::min(srb.SRB_SenseLen, static_cast<unsigned char>(16));
     EXPECT_TRUE(SenseByte(12) == 0x28 && SenseByte(copied - 1) == 0x00 && SenseByte(copied) == kX);
   }
