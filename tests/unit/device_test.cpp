@@ -1,4 +1,4 @@
-// The device side: opening registered devices (busy retries), counting
+// The device side: opening registered devices (flags, busy retries), counting
 // mounts and the unmount chain (its order and commands), the HAL layer
 // against the in-process HAL (reached through the world's LoadLibrary and
 // FindSymbol as the real library would be), and exclusive mode: what nested
@@ -21,25 +21,9 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
-  fixture::FixtureWorld world;
-  fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1
-  // slept: 100 us after each failed attempt but the last
-  const struct { int error, times; unsigned long long slept; } rows[] = {
-      {EBUSY, 3, 300}, {EBUSY, -1, 1000}, {ENOENT, -1, 0}};
-  for (const auto& row : rows) {
-    const unsigned long long sleptBefore = world.slept;
-    int refusals = row.times;
-    world.Node("/dev/sg0")->onOpen = [&] { return refusals-- != 0 ? row.error : 0; };
-    const int fd = SCSI_OpenDevice(1, 0, 0, 0, 0, nullptr);
-    EXPECT_EQ(row.times > 0, fd != -1);
-    kavo::os::Close(fd);
-    EXPECT_EQ(row.slept, world.slept - sleptBefore);
-  }
-}
-
-// The open flags follow the node; a generic node keeps O_NONBLOCK only
-// while it opens, and gets its reserved size and command timeout.
+// The open flags follow the node; a generic node keeps O_NONBLOCK only while
+// it opens, and gets its reserved size and command timeout. Only busy nodes
+// are tried again.
 TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");
@@ -47,11 +31,15 @@ TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
   for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/hdc"}) world.Node(node)->TakeLog();
   for (const auto& row : fixture::Rows("rows/open_flags")) {
     SCSI_GetDeviceProperties(1, 0, 0, 0)->DevicePath = row[0].c_str();
-    int block = 0;
+    int block = 0, refusals = static_cast<int>(fixture::Number(row[5]));
+    world.Node(row[0])->onOpen = [&] { return refusals-- != 0 ? static_cast<int>(fixture::Number(row[4])) : 0; };
+    const unsigned long long slept = world.slept;
     kavo::os::Close(SCSI_OpenDevice(1, 0, 0, 0, static_cast<int>(fixture::Number(row[1])), &block));
     kavo::os::Close(block);
+    world.Node(row[0])->onOpen = nullptr;
     EXPECT_EQ(row[2], world.Node(row[0])->TakeLog()) << row[0] << " " << row[1];
     EXPECT_EQ(row[3], world.Node("/dev/scd0")->TakeLog()) << row[0] << " " << row[1];
+    EXPECT_EQ(fixture::Number(row[6]), static_cast<long long>(world.slept - slept)) << row[0] << " " << row[5];
   }
 }
 

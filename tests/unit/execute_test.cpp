@@ -156,6 +156,7 @@ TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
     EXPECT_EQ(fixture::Hex<unsigned char>(row[15]), command.cdb);
     EXPECT_TRUE(command.dataInLength == fixture::Number(row[16]) && command.dataOut.size() == fixture::Number(row[17]));
     EXPECT_EQ(row[18] == "-" ? "" : "2283:" + row[18] + " ", log.substr(std::min(log.find("2283:"), log.size())));
+    if (row.size() > 19) EXPECT_EQ(fixture::Hex<unsigned char>(row[19]), Cdb(data_, data_ + row[19].size() / 3 + 1));
     if (row[7] != "-" && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
     if (row[9] == "-" || srb.SRB_SenseLen == 0) continue;
     const int copied = std::min(srb.SRB_SenseLen, static_cast<unsigned char>(16));
@@ -187,35 +188,19 @@ TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
   }
 }
 
-// The entry point answers an adapter inquiry from the registry and a device
-// type from the drive's inquiry without its qualifier; it refuses other
-// commands untouched. A drive behind an emulated host reports ANSI version
-// 0, and an IDE packet with both direction bits reads.
-TEST_F(ExecuteTest, EntryPointAnswersInquiriesAndRefusesOtherCommands) {
-  SRB_HAInquiry adapter = {};
-  adapter.SRB_HaId = 1;
-  EXPECT_EQ(0x01u, SendASPI32Command(&adapter));
-  const std::string answer = std::string("\x00\x01\x01\x00\0\0\0\0\x02\x07Linux ASPI", 20) + std::string(6, 0) +
-                             "ata_piix" + std::string(8 + 3, 0) + "\x08" + std::string(2, 0) + "\x02" + std::string(9, 0);
-  EXPECT_EQ(answer, std::string(reinterpret_cast<const char*>(&adapter), 58));
+// A device type comes from the drive's inquiry without its qualifier bits;
+// other commands are refused untouched.
+TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
   for (unsigned char ha : {kIde, kScsi}) {
     SRB_GDEVBlock type = {};
     type.SRB_Cmd = 0x01, type.SRB_HaId = ha, type.SRB_Target = ha == kScsi ? 4 : 0;
     EXPECT_EQ(0x01u, SendASPI32Command(&type));
     EXPECT_EQ(5, type.SRB_DeviceType);
     const Cdb cdb = fixture::DriveAt(world_, ha == kScsi ? "/dev/sg1" : "/dev/hdc").Commands().back().cdb;
-    EXPECT_EQ((Cdb{0x12, 0, 0, 0, 200, 0}), Cdb(cdb.begin(), cdb.begin() + 6));
+    EXPECT_EQ((Cdb{0x12, 0, 0, 0, 200, 0}), Cdb(cdb.begin(), cdb.begin() + 6)) << "INQUIRY of 200 bytes";
   }
   unsigned char other[16] = {0x03, kX};
   EXPECT_TRUE(SendASPI32Command(other) == 0xE0 && other[1] == kX);
-  for (unsigned char ha : {1, 3}) {
-    Make(ha, kInquiry, 0x08);
-    Run();
-    EXPECT_EQ(ha == 1 ? 0x00 : 0x05, data_[2]) << "adapter " << ha;
-  }
-  Make(kIde, kInquiry, 0x18);
-  Run();
-  EXPECT_EQ(8u, Ide().Commands().back().dataInLength);
 }
 
 // A READ(10) of bufLen bytes at lba.
