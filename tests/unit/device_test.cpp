@@ -169,7 +169,7 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
     EXPECT_EQ(fixture::Number(row[2]), row[1] == "1" ? ASPI_setExclusiveMode(adapter, 0) : ASPI_unsetExclusiveMode(adapter, 0));
     EXPECT_EQ(row[4], Holds(world));
     std::string sent;
-    for (const std::string& method : hal.Sent()) sent += method[0];
+    for (const std::string& call : hal.calls) sent += call.find("ock /") < 4 ? std::string(1, call[0]) : "";
     EXPECT_EQ(row[5], sent) << "row " << at;
     if (at == 0) world.Remove("/etc/mtab");  // a second unmount at the nested set would show
     if (at++ == 1) world.AddFile("/etc/mtab", "");
