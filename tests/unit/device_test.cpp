@@ -90,23 +90,6 @@ TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
 
 const char kDrive[] = "/org/freedesktop/Hal/devices/storage_serial_DRIVE0";
 
-// A start that fails at any step leaves HAL unavailable, every call
-// answering so without reaching HAL, and nothing behind once done.
-TEST(HalLayer, StartsOnTheSystemBusStepByStep) {
-  const Lines start = {"dbus_bus_get 1", "libhal_ctx_new", "libhal_ctx_set_dbus_connection", "libhal_ctx_init"};
-  for (size_t failing = 0; failing < start.size(); ++failing) {
-    fixture::FixtureWorld world;
-    fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-    hal.failing = start[failing].substr(0, start[failing].find(' '));
-    EXPECT_FALSE(libhal_support_init());
-    EXPECT_EQ(Lines(start.begin(), start.begin() + failing + 1), hal.calls);
-    unsigned int count = 9;
-    EXPECT_FALSE(libhal_support_get_all_cdrom_devices(&count) || count || libhal_support_lock_device(kDrive));
-    EXPECT_TRUE(libhal_support_done());
-    EXPECT_EQ(0, hal.outstanding);
-  }
-}
-
 // Locks with its reason and unlocks without one, gives back what each
 // failed step handed out, and lets calls from many threads reach HAL one at
 // a time. (Listing drives is the discovery machines'.)

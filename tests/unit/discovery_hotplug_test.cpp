@@ -45,7 +45,8 @@ Lines Registry() {
 // first, is what its data file expects.
 TEST(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
   for (const char* name :
-       {"ide_and_scsi_hal", "kernel24_ide_scsi", "kernel26_ide_scsi", "no_drives", "ide_pass", "walk_and_names"}) {
+       {"ide_and_scsi_hal", "hal_fails_at_bus", "hal_fails_at_context", "hal_fails_at_connection", "hal_fails_at_init",
+        "kernel24_ide_scsi", "kernel26_ide_scsi", "no_drives", "ide_pass", "walk_and_names"}) {
     SCOPED_TRACE(name);
     fixture::FixtureWorld world;
     world.Load(name);
