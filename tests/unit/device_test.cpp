@@ -135,7 +135,8 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   for (const auto& row : fixture::Rows("rows/exclusive")) {
     const int adapter = static_cast<int>(fixture::Number(row[0]));
     hal.failing = row[3];
-    EXPECT_EQ(fixture::Number(row[2]), row[1] == "1" ? ASPI_setExclusiveMode(adapter, 0) : ASPI_unsetExclusiveMode(adapter, 0));
+    const int result = row[1] == "1" ? ASPI_setExclusiveMode(adapter, 0) : ASPI_unsetExclusiveMode(adapter, 0);
+    EXPECT_EQ(fixture::Number(row[2]), result);
     EXPECT_EQ(row[4], Holds(world));
     std::string sent;
     for (const std::string& call : hal.calls) sent += call.find("ock /") < 4 ? std::string(1, call[0]) : "";

@@ -58,12 +58,6 @@ void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsign
   memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
 }
 
-std::string Result(const SRB_ExecSCSICmd& srb) {
-  char text[16];
-  snprintf(text, sizeof text, "%02X %02X %02X", srb.SRB_Status, srb.SRB_HaStat, srb.SRB_TargStat);
-  return text;
-}
-
 class ExecuteTest : public ::testing::Test {
  protected:
   ExecuteTest() {
@@ -86,7 +80,10 @@ class ExecuteTest : public ::testing::Test {
     block_.posts = 0;
     EXPECT_EQ(static_cast<unsigned>(SS_PENDING), ASPI_ExecuteSRB(&block_.srb));
     EXPECT_TRUE(block_.posts == 1 && block_.statusAtPost == block_.srb.SRB_Status && block_.openAtPost == 0);
-    return Result(block_.srb);
+    const SRB_ExecSCSICmd& srb = block_.srb;
+    char text[16];
+    snprintf(text, sizeof text, "%02X %02X %02X", srb.SRB_Status, srb.SRB_HaStat, srb.SRB_TargStat);
+    return text;
   }
   // The sense area and the bytes after it, as one run.
   unsigned char SenseByte(int at) const { return reinterpret_cast<const unsigned char*>(block_.srb.SenseArea)[at]; }
@@ -128,22 +125,28 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
 // Each request of tests/fixture/data/rows/requests.txt and what it ends
 // with, in the block and at the drive.
 TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
-  const std::map<std::string, Fault> faults = {{"-", Fault::None}, {"busy", Fault::DriverBusy}, {"error", Fault::DriverError},
-                                               {"short", Fault::ShortRead}, {"eintr", Fault::InterruptedRead}};
-  auto byte = [](const std::string& hex) { return hex == "-" ? 0xFF : std::stoi(hex, nullptr, 16); };
+  const std::map<std::string, Fault> faults = {{"-", Fault::None},
+                                               {"busy", Fault::DriverBusy},
+                                               {"error", Fault::DriverError},
+                                               {"short", Fault::ShortRead},
+                                               {"eintr", Fault::InterruptedRead}};
+  auto byte = [](const std::string& hex) {
+    return static_cast<unsigned char>(hex == "-" ? 0xFF : std::stoi(hex, nullptr, 16));
+  };
   for (const auto& row : fixture::Rows("rows/requests")) {
     SCOPED_TRACE(row[2] + " on adapter " + row[0]);
     const unsigned char adapter = static_cast<unsigned char>(fixture::Number(row[0]));
-    EmulatedDrive& drive = fixture::DriveAt(world_, adapter == kIde ? "/dev/hdc" : adapter == 1 ? "/dev/sg0" : "/dev/sg1");
+    const char* node = adapter == kIde ? "/dev/hdc" : adapter == 1 ? "/dev/sg0" : "/dev/sg1";
+    EmulatedDrive& drive = fixture::DriveAt(world_, node);
     const size_t commands = drive.Commands().size();
-    drive.FailNext(faults.at(row[7]), static_cast<unsigned char>(byte(row[8])), static_cast<unsigned char>(byte(row[9])));
-    SRB_ExecSCSICmd& srb = Make(adapter, fixture::Hex<unsigned char>(row[2]), static_cast<unsigned char>(byte(row[4])),
+    drive.FailNext(faults.at(row[7]), byte(row[8]), byte(row[9]));
+    SRB_ExecSCSICmd& srb = Make(adapter, fixture::Hex<unsigned char>(row[2]), byte(row[4]),
                                 static_cast<unsigned char>(fixture::Number(row[5])));
     srb.SRB_Target = static_cast<unsigned char>(fixture::Number(row[1]));
     if (row[3] != "-") srb.SRB_CDBLen = static_cast<unsigned char>(fixture::Number(row[3]));
     srb.SRB_BufLen = static_cast<unsigned int>(fixture::Number(row[6]));
     if (row[6].find("null") != std::string::npos) srb.SRB_BufPointer = nullptr;
-    srb.SenseArea[0] = static_cast<unsigned char>(byte(row[10])), srb.SenseArea[2] = static_cast<unsigned char>(byte(row[11]));
+    srb.SenseArea[0] = byte(row[10]), srb.SenseArea[2] = byte(row[11]);
     drive.TakeLog();
     EXPECT_EQ(row[13], Run());
     EXPECT_EQ(byte(row[14]) | 0x01, srb.SRB_Flags);
@@ -155,13 +158,15 @@ TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
     const fixture::DriveCommand command = drive.Commands().back();
     EXPECT_EQ(fixture::Hex<unsigned char>(row[15]), command.cdb);
     EXPECT_TRUE(command.dataInLength == fixture::Number(row[16]) && command.dataOut.size() == fixture::Number(row[17]));
-    if (adapter == kIde) EXPECT_TRUE(Ide().lastSenseLengthByte == fixture::Number(row[18]) && log.find(" 1 -1 ") != std::string::npos);
+    if (adapter == kIde)  // also quiet, and without a timeout of its own
+      EXPECT_TRUE(Ide().lastSenseLengthByte == fixture::Number(row[18]) && log.find(" 1 -1 ") != std::string::npos);
     else EXPECT_EQ(row[18] == "-" ? "" : "2283:" + row[18] + " ", log.substr(std::min(log.find("2283:"), log.size())));
     if (row.size() > 19) EXPECT_EQ(fixture::Hex<unsigned char>(row[19]), Cdb(data_, data_ + row[19].size() / 3 + 1));
     if (row[7] != "-" && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
     if (row[9] == "-" || srb.SRB_SenseLen == 0) continue;
     const int copied = std::min<int>(srb.SRB_SenseLen, adapter == kIde ? 64 : 16);
-    EXPECT_TRUE(SenseByte(2) == byte(row[9]) && SenseByte(12) == 0x28 && SenseByte(copied - 1) == 0x00 && SenseByte(copied) == kX);
+    EXPECT_TRUE(SenseByte(2) == byte(row[9]) && SenseByte(12) == 0x28);
+    EXPECT_TRUE(SenseByte(copied - 1) == 0x00 && SenseByte(copied) == kX) << copied << " sense bytes";
   }
 }
 

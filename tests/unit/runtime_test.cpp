@@ -42,7 +42,8 @@ TEST(CodePages, ConvertBothWaysWithFallbacks) {
     Units units = fixture::Hex<unsigned short>(row[2]), wide(16, 0);
     const unsigned int codePage = static_cast<unsigned int>(fixture::Number(row[0]));
     if (row[3] != "-") {
-      EXPECT_EQ(fixture::Number(row[3]), MultiByteToWideChar(codePage, 0, std::string(bytes.begin(), bytes.end()).c_str(), -1, wide.data(), 16));
+      const std::string text(bytes.begin(), bytes.end());
+      EXPECT_EQ(fixture::Number(row[3]), MultiByteToWideChar(codePage, 0, text.c_str(), -1, wide.data(), 16));
       EXPECT_EQ(units, Units(wide.begin(), wide.begin() + fixture::Number(row[3]) - 1));
     }
     if (row[4] == "-") continue;
@@ -100,7 +101,8 @@ const std::map<std::string, std::function<long(Call&)>> kCalls = {
     {"strtok_s", [](Call& c) {  // over a copy of the first word; the buffer shows the tokens, each ended by '|'
        std::string tokens, input = c.words[0];
        char* context = nullptr;
-       for (char* t = strtok_s(c.Null(0) ? nullptr : &input[0], c.Str(1), &context); t; t = strtok_s(nullptr, c.Str(1), &context))
+       for (char* t = strtok_s(c.Null(0) ? nullptr : &input[0], c.Str(1), &context); t;
+            t = strtok_s(nullptr, c.Str(1), &context))
          tokens += std::string(t) + "|";
        return strcpy(c.text, tokens.c_str()), std::count(tokens.begin(), tokens.end(), '|');
      }},
@@ -130,9 +132,8 @@ TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
 // name from lsb-release, else the first release file that opens, else the
 // kernel type; its version with the two numbers read from it; its memory.
 TEST(SystemInfo, NameVersionAndMemoryOfEachMachine) {
-  for (const char* name : {"os/lsb", "os/lsb_keys", "os/lsb_long_line", "os/lsb_long_line_cut", "os/lsb_without_release",
-                           "os/redhat_before_suse", "os/fedora_before_redhat", "os/empty_release_file",
-                           "os/empty_kernel_type", "os/kernel_type_alone"}) {
+  for (const auto& machine : fixture::Rows("os/machines")) {
+    const std::string name = "os/" + machine[0];
     fixture::FixtureWorld world;
     world.Load(name);
     unsigned int major = 9, minor = 9;

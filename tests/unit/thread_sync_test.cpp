@@ -56,12 +56,14 @@ TEST(Sync, TimedWaitsEndAtTheirDeadline) {
   });
   while (mutex.Lock(0) == 1) mutex.Unlock();
   for (const auto& row : fixture::Rows("rows/timed_waits")) {
-    CPosixSyncObject* object = row[0] == "mutex" ? &mutex : row[0] == "event" ? &event : static_cast<CPosixSyncObject*>(&semaphore);
+    CPosixSyncObject* object = &semaphore;
+    if (row[0] != "semaphore") object = row[0] == "mutex" ? static_cast<CPosixSyncObject*>(&mutex) : &event;
     world.clockShift = fixture::Number(row[2]);
     world.clockMicroseconds = static_cast<int>(fixture::Number(row[3]));
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, object->Lock(static_cast<unsigned int>(fixture::Number(row[1])))) << row[0] << " " << row[1];
-    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(fixture::Number(row[4]))) << row[0] << " " << row[1];
+    const std::string what = row[0] + " " + row[1];
+    EXPECT_EQ(0, object->Lock(static_cast<unsigned int>(fixture::Number(row[1])))) << what;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(fixture::Number(row[4]))) << what;
   }
   done = true;
   holder.join();
