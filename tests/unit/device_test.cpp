@@ -1,8 +1,5 @@
-// The device side: opening registered devices (flags, busy retries), counting
-// mounts and the unmount chain (its order and commands), the HAL layer
-// against the in-process HAL (reached through the world's LoadLibrary and
-// FindSymbol as the real library would be), and exclusive mode: what nested
-// holds share and give back, and HAL locks.
+// The device side: opening registered devices, counting mounts, the unmount
+// chain, and exclusive mode with HAL locks against the in-process HAL.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -77,32 +74,6 @@ TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
   }
 }
 
-const char kDrive[] = "/org/freedesktop/Hal/devices/storage_serial_DRIVE0";
-
-// Locks and unlocks (the fake wants the lock's reason, and none for an
-// unlock), gives back what each failed step handed out, and lets calls from
-// many threads reach HAL one at a time.
-TEST(HalLayer, LocksAndGivesEverythingBack) {
-  fixture::FixtureWorld world;
-  fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-  ASSERT_TRUE(libhal_support_init());
-  EXPECT_TRUE(libhal_support_lock_device(kDrive) && libhal_support_unlock_device(kDrive));
-  for (const char* step : {"dbus_connection_send_with_reply_and_block", "dbus_message_append_args"}) {
-    hal.failing = step;
-    EXPECT_FALSE(libhal_support_lock_device(kDrive)) << step;
-  }
-  hal.failing = "";
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([] {
-      for (int i = 0; i < 5; ++i) libhal_support_lock_device(kDrive);
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(1, hal.mostAtOnce);
-  EXPECT_TRUE(libhal_support_done());
-  EXPECT_EQ(0, hal.outstanding);
-}
-
 // Each held node with its count, and the descriptors open.
 std::string Holds(const fixture::FixtureWorld& world) {
   CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
@@ -113,12 +84,9 @@ std::string Holds(const fixture::FixtureWorld& world) {
   return text + std::to_string(world.OpenDescriptorCount());
 }
 
-// A nested set shares the first one's descriptors and runs no second
-// unmount; the block node goes back at the first unset, the drive at the
-// last. HAL locks a drive with a UDI at the first set and unlocks it at the
-// last unset; a refused lock is not unlocked; a drive without UDI makes no
-// call. On the "drives" machine, never mounted: an IDE drive at adapter 0
-// (/dev/hdc), a generic one at adapter 1 (/dev/sg0, block node /dev/scd0).
+// The holds of tests/fixture/data/rows/exclusive.txt, none running a second
+// unmount; then HAL's calls from many threads reach it one at a time, and
+// all it handed out comes back.
 TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");
@@ -127,10 +95,7 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   ASSERT_TRUE(libhal_support_init());
   SCSI_GetDeviceProperties(1, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
   int shellCommands = 0;
-  world.shellHook = [&shellCommands](const std::string&) {
-    ++shellCommands;
-    return 0;
-  };
+  world.shellHook = [&shellCommands](const std::string&) { return ++shellCommands, 0; };
   int at = 0;
   for (const auto& row : fixture::Rows("rows/exclusive")) {
     const int adapter = static_cast<int>(fixture::Number(row[0]));
@@ -148,7 +113,12 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   world.Node("/dev/sg0")->onOpen = [] { return EBUSY; };
   EXPECT_EQ(-1, ASPI_setExclusiveMode(1, 0));
   EXPECT_EQ("0", Holds(world)) << "a failed open stores nothing";
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([] { for (int i = 0; i < 5; ++i) libhal_support_lock_device("/udi"); });
+  for (std::thread& thread : threads) thread.join();
   EXPECT_TRUE(libhal_support_done());
+  EXPECT_TRUE(hal.mostAtOnce == 1 && hal.outstanding == 0) << hal.mostAtOnce << " " << hal.outstanding;
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-// Discovery on machines no kernel here can show: the legacy IDE driver,
-// 2.4-era /proc/scsi, adapter names, the node walk's limits, rescans that
-// wait for holds, and HAL around it; then hot-plug: the snapshot parsers on
-// captured texts, and each monitor against a machine whose drives come and
-// go between its cycles.
+// Discovery on machines no kernel here can show (legacy IDE, 2.4-era /proc/scsi,
+// adapter names, the node walk's limits, HAL), rescans that wait for holds;
+// hot-plug: snapshot parsers, and each monitor against drives that come and go.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -161,10 +159,7 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     // At each cycle's first sleep B comes, B goes, then A goes and B comes at
     // once; the fourth pause waits for the stop. A build opens /dev/hdc once.
     std::atomic<int> builds(0);
-    world.Node("/dev/hdc")->onOpen = [&builds] {
-      ++builds;
-      return 0;
-    };
+    world.Node("/dev/hdc")->onOpen = [&builds] { return ++builds, 0; };
     world.sleepHook = [&](unsigned long calls) {
       if (calls % 5 != 1) return;
       eventLog += "R" + std::to_string(builds) + ";";

@@ -125,11 +125,8 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
 // Each request of tests/fixture/data/rows/requests.txt and what it ends
 // with, in the block and at the drive.
 TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
-  const std::map<std::string, Fault> faults = {{"-", Fault::None},
-                                               {"busy", Fault::DriverBusy},
-                                               {"error", Fault::DriverError},
-                                               {"short", Fault::ShortRead},
-                                               {"eintr", Fault::InterruptedRead}};
+  const std::map<std::string, Fault> faults = {{"-", Fault::None}, {"busy", Fault::DriverBusy},
+      {"error", Fault::DriverError}, {"short", Fault::ShortRead}, {"eintr", Fault::InterruptedRead}};
   auto byte = [](const std::string& hex) {
     return static_cast<unsigned char>(hex == "-" ? 0xFF : std::stoi(hex, nullptr, 16));
   };
