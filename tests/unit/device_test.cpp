@@ -2,7 +2,6 @@
 // chain, and exclusive mode with HAL locks against the in-process HAL.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include <thread>
 
@@ -18,9 +17,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// The open flags follow the node; a generic node keeps O_NONBLOCK only while
-// it opens, and gets its reserved size and command timeout. Only busy nodes
-// are tried again.
+// The open flags follow the node, a generic node gets its reserved size and command timeout,
+// and only busy nodes are tried again.
 TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");
@@ -84,9 +82,8 @@ std::string Holds(const fixture::FixtureWorld& world) {
   return text + std::to_string(world.OpenDescriptorCount());
 }
 
-// The holds of tests/fixture/data/rows/exclusive.txt, none running a second
-// unmount; then HAL's calls from many threads reach it one at a time, and
-// all it handed out comes back.
+// The holds of its rows, none running a second unmount; then HAL's calls from many threads
+// reach it one at a time, and all it handed out comes back.
 TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");

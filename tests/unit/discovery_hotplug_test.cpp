@@ -42,12 +42,10 @@ Lines Registry() {
 // Each machine's registry, with the IDE adapter and controller counts
 // first, is what its data file expects.
 TEST(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
-  for (const char* name :
-       {"ide_and_scsi_hal", "hal_fails_at_bus", "hal_fails_at_context", "hal_fails_at_connection", "hal_fails_at_init",
-        "kernel24_ide_scsi", "kernel26_ide_scsi", "no_drives", "ide_pass", "walk_and_names"}) {
-    SCOPED_TRACE(name);
+  for (const auto& machine : fixture::Rows("rows/discovery_machines")) {
+    SCOPED_TRACE(machine[0]);
     fixture::FixtureWorld world;
-    world.Load(name);
+    world.Load(machine[0]);
     SCSI_Init();
     Lines found = Registry();
     found.insert(found.begin(), "counts " + std::to_string(IdeAdapterCount) + " " + std::to_string(ControllerCount));
@@ -59,10 +57,8 @@ TEST(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
 }
 
 TEST(KernelGate, AcceptsThreeFieldReleasesFrom26On) {
-  for (const char* release : {"2.6.18-8.el5", "2.6.0", "3.2.0-4-686", "4.1.0", "10.0.1"})
-    EXPECT_TRUE(SCSI_IsKernel26Release(release)) << release;
-  for (const char* release : {"2.4.31", "2.5.75", "1.9.9", "2.6", "6.1-rc1", ""})
-    EXPECT_FALSE(SCSI_IsKernel26Release(release)) << release;
+  for (const auto& row : fixture::Rows("rows/kernel_releases"))
+    EXPECT_EQ(row[1] == "1", SCSI_IsKernel26Release(row[0].c_str())) << row[0];
 }
 
 // A rescan polls (in fake time) until the last exclusive hold is gone,

@@ -122,8 +122,7 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   EXPECT_TRUE(Sg().Commands().empty());
 }
 
-// Each request of tests/fixture/data/rows/requests.txt and what it ends
-// with, in the block and at the drive.
+// Each request of its rows and what it ends with, in the block and at the drive.
 TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
   const std::map<std::string, Fault> faults = {{"-", Fault::None}, {"busy", Fault::DriverBusy},
       {"error", Fault::DriverError}, {"short", Fault::ShortRead}, {"eintr", Fault::InterruptedRead}};

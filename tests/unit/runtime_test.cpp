@@ -1,15 +1,13 @@
 // The runtime the library exports: the string class, code-page conversion,
-// the bounded CRT functions and the system's name, as tables of inputs.
+// the bounded CRT functions and system information, as tables of inputs.
 #include <errno.h>
-#include <time.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include "runtime/charset.h"
 #include "runtime/crt.h"

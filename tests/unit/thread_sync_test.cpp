@@ -40,9 +40,8 @@ TEST(Sync, StepsOfEachObject) {
 
 using std::chrono::milliseconds;
 
-// Each wait of tests/fixture/data/rows/timed_waits.txt ends with 0 at its
-// deadline on the seam's clock: not sooner, and long before the release 2 s
-// on, which a wait a thousand times too long meets (it returns 1).
+// Each timed wait of its rows ends with 0 at its deadline on the seam's clock, not sooner,
+// and long before the release 2 s on, which a wait a thousand times too long meets.
 TEST(Sync, TimedWaitsEndAtTheirDeadline) {
   fixture::FixtureWorld world;
   CPosixMutex mutex(0);
