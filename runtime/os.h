@@ -1,7 +1,7 @@
 // The library's only door to the operating system.
 //
 // Every piece that touches files, device nodes, directories, the shell, the
-// kernel's identity, the clock's sleeps, thread creation or the dynamic loader goes through
+// kernel's identity, the clock and its sleeps, thread creation or the dynamic loader goes through
 // these functions. The shipped library links os_linux.cpp, which calls libc
 // and nothing else; the unit tests link a fixture world in their place, an
 // in-memory tree of files, directories and emulated device nodes with fake

@@ -90,9 +90,10 @@ const std::map<std::string, std::function<long(Call&)>> kCalls = {
        const int result = localtime_s(c.Null(0) ? nullptr : &t, c.Timer(1));
        return c.Null(0) ? result : (snprintf(c.text, 64, "%d %d %d", t.tm_year, t.tm_mday, t.tm_isdst), result);
      }},
-    {"sopen_s", [](Call& c) {  // the buffer shows the descriptor
+    {"sopen_s", [](Call& c) {  // the buffer shows the descriptor, closed again
        int fh = 7, result = sopen_s(&fh, c.Str(0), c.I(1), 0, c.I(2));
-       return snprintf(c.text, 64, "%d", fh), fh == -1 ? result : 1000 + close(fh);
+       if (fh >= 0) close(fh);
+       return snprintf(c.text, 64, "%d", fh), result;
      }},
     {"strtok_s", [](Call& c) {  // over a copy of the first word; the buffer shows the tokens, each ended by '|'
        std::string tokens, input = c.words[0];
