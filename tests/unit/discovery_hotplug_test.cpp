@@ -121,7 +121,7 @@ TEST(SnapshotParsers, YieldWhatTheCapturedTextsHold) {
 }
 
 // In order, "+addr" an arrival, "-addr" a removal, "R<n>;" a pause after n registry
-// builds; written only on the monitor thread, read after it has ended.
+// builds, "B<n>;" a build after n sleeps; read once the monitor has ended.
 std::string eventLog;
 template <char sign>
 void Note(unsigned int address) {
@@ -130,7 +130,7 @@ void Note(unsigned int address) {
 }
 
 // Drive A is the machine's /dev/sg0 (host 0, target 0: adapter 2 behind two
-// IDE adapters); drive B sits on host 254, target 5, so its adapter 256 packs
+// IDE adapters); drive B sits on host 254, target 5, LUN 17, so its adapter 256 packs
 // as 0. A drive that goes loses the nodes that every source opens.
 void Present(fixture::FixtureWorld& world, const char* drives) {
   for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/sg4", "/dev/sr4"}) world.Remove(node);
@@ -155,7 +155,7 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     // At each cycle's first sleep B comes, B goes, then A goes and B comes at
     // once; the fourth pause waits for the stop. A build opens /dev/hdc once.
     std::atomic<int> builds(0);
-    world.Node("/dev/hdc")->onOpen = [&builds] { return ++builds, 0; };
+    world.Node("/dev/hdc")->onOpen = [&] { return eventLog += "B" + std::to_string(world.sleepCalls) + ";", ++builds, 0; };
     world.sleepHook = [&](unsigned long calls) {
       if (calls % 5 != 1) return;
       eventLog += "R" + std::to_string(builds) + ";";
@@ -167,7 +167,8 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     for (int waited = 0; waited < 20000 && world.sleepCalls < 16; ++waited) usleep(1000);
     SCSI_Done();
     EXPECT_EQ(16u, world.sleepCalls) << source << ": the pause ends at the stop request";
-    EXPECT_EQ("R1;+000500;+000500;R2;-000500;R3;-020000;+000500;+000500;R4;", eventLog) << source;
+    const std::string b = source[1] == 'p' ? "000511;" : "000500;";  // only /proc/scsi/scsi tells the LUN
+    EXPECT_EQ("B0;R1;B5;+" + b + "+" + b + "R2;B10;-" + b + "R3;B15;-020000;+" + b + "+" + b + "R4;", eventLog) << source;
   }
 }
 
