@@ -116,6 +116,8 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_TRUE(libhal_support_done());
   EXPECT_TRUE(hal.mostAtOnce == 1 && hal.outstanding == 0) << hal.mostAtOnce << " " << hal.outstanding;
+  unsigned int count = 9;  // HAL gone: no drives, a count of 0, no lock
+  EXPECT_TRUE(!libhal_support_get_all_cdrom_devices(&count) && count == 0 && !libhal_support_lock_device("/udi"));
 }
 
 }  // namespace
