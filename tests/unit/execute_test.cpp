@@ -166,7 +166,7 @@ TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
 }
 
 // A device type comes from the drive's inquiry without its qualifier bits;
-// other commands are refused untouched; the IDE path follows the node.
+// other commands are refused untouched; events are set; the IDE path follows the node.
 TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
   for (unsigned char ha : {kIde, kScsi}) {
     SRB_GDEVBlock type = {};
@@ -178,6 +178,9 @@ TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
   }
   unsigned char other[16] = {0x03, kX};
   EXPECT_TRUE(SendASPI32Command(other) == 0xE0 && other[1] == kX);
+  CPosixEvent done(0, 0);  // SRB_EVENT_NOTIFY (0x40) without SRB_POSTING sets the event
+  Make(kScsi, kInquiry, 0x08).SRB_Flags = 0x48, block_.srb.SRB_PostProc = &done;
+  EXPECT_TRUE(ASPI_ExecuteSRB(&block_.srb) == 0 && done.WaitForEvent(0) == 1 && block_.srb.SRB_Status == 0x01);
   IdeAdapterCount = 0;  // the path follows the registered node, whatever the count says
   Make(kIde, kInquiry, 0x08);
   EXPECT_EQ("01 00 AA", Run());

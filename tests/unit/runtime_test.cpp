@@ -130,9 +130,8 @@ TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
 // kernel type; its version with the two numbers read from it; its memory.
 TEST(SystemInfo, NameVersionAndMemoryOfEachMachine) {
   for (const auto& machine : fixture::Rows("os/machines")) {
-    const std::string name = "os/" + machine[0];
     fixture::FixtureWorld world;
-    world.Load(name);
+    world.Load("os/" + machine[0]);
     unsigned int major = 9, minor = 9;
     CPortableSystem::GetOSVersion(major, minor);
     const std::string numbers = std::to_string(major) + " " + std::to_string(minor);
@@ -143,7 +142,7 @@ TEST(SystemInfo, NameVersionAndMemoryOfEachMachine) {
         {"memory", memory + " " + std::to_string(CPortableSystem::GetMemoryLoad())}};
     for (const std::string& line : world.expected) {
       const std::string key = line.substr(0, line.find(' '));
-      EXPECT_EQ(line, key + " " + found[key]) << name;
+      EXPECT_EQ(line, key + " " + found[key]) << machine[0];
     }
   }
   fixture::FixtureWorld world;  // sleeps in fake time: 2 s, then 500 ms

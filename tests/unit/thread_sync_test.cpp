@@ -57,8 +57,7 @@ TEST(Sync, TimedWaitsEndAtTheirDeadline) {
   for (const auto& row : fixture::Rows("rows/timed_waits")) {
     CPosixSyncObject* object = &semaphore;
     if (row[0] != "semaphore") object = row[0] == "mutex" ? static_cast<CPosixSyncObject*>(&mutex) : &event;
-    world.clockShift = fixture::Number(row[2]);
-    world.clockMicroseconds = static_cast<int>(fixture::Number(row[3]));
+    world.clockShift = fixture::Number(row[2]), world.clockMicroseconds = static_cast<int>(fixture::Number(row[3]));
     const auto start = std::chrono::steady_clock::now();
     const std::string what = row[0] + " " + row[1];
     EXPECT_EQ(0, object->Lock(static_cast<unsigned int>(fixture::Number(row[1])))) << what;
