@@ -89,7 +89,7 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   world.AddFile("/etc/mtab", "");
   fixture::BuildRegistry(world, "drives");
   fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-  ASSERT_TRUE(libhal_support_init());
+  ASSERT_TRUE(libhal_support_init() && libhal_support_init()) << "a second start finds HAL running";
   SCSI_GetDeviceProperties(1, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
   int shellCommands = 0;
   world.shellHook = [&shellCommands](const std::string&) { return ++shellCommands, 0; };
