@@ -1,7 +1,7 @@
 // The library's only door to the operating system.
 //
 // Every piece that touches files, device nodes, directories, the shell, the
-// kernel's identity, the clock's sleeps, thread creation or the dynamic loader goes through
+// kernel's identity, the clock and its sleeps, thread creation or the dynamic loader goes through
 // these functions. The shipped library links os_linux.cpp, which calls libc
 // and nothing else; the unit tests link a fixture world in their place, an
 // in-memory tree of files, directories and emulated device nodes with fake
@@ -19,6 +19,7 @@
 
 struct utsname;
 struct sysinfo;
+struct timeval;
 
 namespace kavo {
 namespace os {
@@ -49,6 +50,9 @@ int RunShellCommand(const char* commandLine);
 
 int Uname(struct utsname* info);
 int SysInfo(struct sysinfo* info);
+
+// gettimeofday(): the wall clock that timed waits count their deadlines on.
+int GetTimeOfDay(struct timeval* now);
 
 // sleep() and usleep(). In the fixture world they cost no time; the
 // slept total is recorded so that tests can check polling waits.

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/sysinfo.h>
+#include <sys/time.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -60,6 +61,8 @@ int RunShellCommand(const char* commandLine) { return ::system(commandLine); }
 int Uname(struct utsname* info) { return ::uname(info); }
 
 int SysInfo(struct sysinfo* info) { return ::sysinfo(info); }
+
+int GetTimeOfDay(struct timeval* now) { return ::gettimeofday(now, nullptr); }
 
 unsigned int SleepSeconds(unsigned int seconds) { return ::sleep(seconds); }
 

@@ -5,6 +5,8 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include "runtime/os.h"
+
 namespace {
 
 const unsigned int kInfinite = 0xFFFFFFFFu;
@@ -23,7 +25,7 @@ struct SemaphoreNative {
 // The absolute wall-clock deadline that pthread_cond_timedwait expects.
 timespec DeadlineAfter(unsigned int milliseconds) {
   timeval now;
-  gettimeofday(&now, nullptr);
+  kavo::os::GetTimeOfDay(&now);
   timespec deadline;
   deadline.tv_sec = now.tv_sec + milliseconds / 1000u;
   long nanoseconds = now.tv_usec * 1000L + static_cast<long>(milliseconds % 1000u) * 1000000L;

@@ -1,11 +1,7 @@
-// The device side: opening registered devices (busy retries), counting
-// mounts and the unmount chain (its order and commands), the HAL layer
-// against the in-process HAL (reached through the world's LoadLibrary and
-// FindSymbol as the real library would be), and exclusive mode: what nested
-// holds share and give back, and HAL locks.
+// The device side: opening registered devices, counting mounts, the unmount
+// chain, and exclusive mode with HAL locks against the in-process HAL.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include <thread>
 
@@ -21,40 +17,33 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-TEST(OpenTest, OnlyBusyNodesAreRetriedTenTimesAHundredMicrosecondsApart) {
+// The open flags follow the node, a generic node gets its reserved size and command timeout,
+// and only busy nodes are tried again.
+TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
   fixture::FixtureWorld world;
-  fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1
-  // slept: 100 us after each failed attempt but the last
-  const struct { int error, times; unsigned long long slept; } rows[] = {
-      {EBUSY, 3, 300}, {EBUSY, -1, 1000}, {ENOENT, -1, 0}};
-  for (const auto& row : rows) {
-    const unsigned long long sleptBefore = world.slept;
-    int refusals = row.times;
-    world.Node("/dev/sg0")->onOpen = [&] { return refusals-- != 0 ? row.error : 0; };
-    const int fd = SCSI_OpenDevice(1, 0, 0, 0, 0, nullptr);
-    EXPECT_EQ(row.times > 0, fd != -1);
-    kavo::os::Close(fd);
-    EXPECT_EQ(row.slept, world.slept - sleptBefore);
+  world.AddFile("/etc/mtab", "");
+  fixture::BuildRegistry(world, "drives");  // /dev/sg0 at adapter 1, its block node /dev/scd0
+  for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/hdc"}) world.Node(node)->TakeLog();
+  for (const auto& row : fixture::Rows("rows/open_flags")) {
+    SCSI_GetDeviceProperties(1, 0, 0, 0)->DevicePath = row[0].c_str();
+    int block = 0, refusals = static_cast<int>(fixture::Number(row[5]));
+    world.Node(row[0])->onOpen = [&] { return refusals-- != 0 ? static_cast<int>(fixture::Number(row[4])) : 0; };
+    const unsigned long long slept = world.slept;
+    kavo::os::Close(SCSI_OpenDevice(1, 0, 0, 0, static_cast<int>(fixture::Number(row[1])), &block));
+    kavo::os::Close(block);
+    world.Node(row[0])->onOpen = nullptr;
+    EXPECT_EQ(row[2], world.Node(row[0])->TakeLog()) << row[0] << " " << row[1];
+    EXPECT_EQ(row[3], world.Node("/dev/scd0")->TakeLog()) << row[0] << " " << row[1];
+    EXPECT_EQ(fixture::Number(row[6]), static_cast<long long>(world.slept - slept)) << row[0] << " " << row[5];
   }
 }
 
 TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
   fixture::FixtureWorld world;
   world.Load("cdrom_links");
-  const std::string table = "/dev/sr0 /a iso9660 ro 0 0\n/dev/sr10 /b udf ro\n/dev/cdrom /c x\n/dev/dvd /d x\n/dev/sr2\n";
-  const struct { std::string mtab; const char* path; int count; } rows[] = {
-      {table, "/dev/sr0", 2},  // its own line and /dev/dvd's target
-      {table, "/dev/sr1", 1},  // /dev/sr10
-      {table, "sr0", 1},       // the relative target text, not resolved
-      {table, "/dev/cdrom", 0},
-      {table, "/dev/sr2", 1},  // a line without a blank is its own field
-      {table, "/dev/sr", 4},
-      {std::string(8190, 'x') + "/dev/sr0 /m x\n", "/dev/sr0", 1},  // long lines arrive in pieces of 8190
-      {std::string(8189, 'x') + "/dev/sr0 /m x\n", "/dev/sr0", 0},
-  };
-  for (const auto& row : rows) {
-    world.AddFile("/etc/mtab", row.mtab);
-    EXPECT_EQ(row.count, SCSI_CountMounts(row.path)) << row.path;
+  for (const auto& row : fixture::Rows("rows/mounts")) {
+    if (row[0] != "-") world.AddFile("/etc/mtab", std::string(fixture::Number(row[0]), 'x') + "/dev/sr0 /m x\n");
+    EXPECT_EQ(fixture::Number(row[1]), SCSI_CountMounts(row[2].c_str())) << row[2];
   }
 }
 
@@ -64,77 +53,23 @@ TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
   fixture::FixtureWorld tools;
   tools.Load("unmount_chain");
   const Lines chain = tools.expected;  // each tool's command, in order
-  const struct {
-    int mounts;            // -1: no table
-    const char* unmounts;  // the tool that takes a mount away
-    std::vector<int> commands;
-  } rows[] = {{0, "umount ", {}},
-              {2, "umount ", {0, 0}},
-              {1, "pumount ", {0, 1}},
-              {1, "gnome-mount ", {0, 1, 2, 3}},
-              {-1, "none", {0, 1, 2, 3, 4}}};
-  for (const auto& row : rows) {
+  for (const auto& row : fixture::Rows("rows/unmount_chain")) {
     fixture::FixtureWorld world;
-    int mounts = row.mounts;
+    int mounts = row[0] == "none" ? -1 : static_cast<int>(fixture::Number(row[0]));
     Lines commands;
     auto table = [&] { world.AddFile("/etc/mtab", mounts == 2 ? "/dev/sr0 a\n/dev/sr0 b\n" : mounts ? "/dev/sr0 a\n" : ""); };
     if (mounts >= 0) table();
     world.shellHook = [&](const std::string& command) {
       commands.push_back(command);
-      if (mounts > 0 && command.compare(0, strlen(row.unmounts), row.unmounts) == 0) --mounts, table();
+      if (mounts > 0 && command.compare(0, row[1].size() + 1, row[1] + " ") == 0) --mounts, table();
       return 1;
     };
     SCSI_UnmountVolumes("/dev/sr0");
     Lines expected;
-    for (int command : row.commands) expected.push_back(chain.at(command));
-    EXPECT_EQ(expected, commands) << row.mounts << " " << row.unmounts;
+    for (size_t at = 0; at < row[2].size(); at += 2)
+      if (row[2][at] != '-') expected.push_back(chain.at(row[2][at] - '0'));
+    EXPECT_EQ(expected, commands) << row[0] << " " << row[1];
   }
-}
-
-const char kDrive[] = "/org/freedesktop/Hal/devices/storage_serial_DRIVE0";
-
-// A start that fails at any step leaves HAL unavailable, every call
-// answering so without reaching HAL, and nothing behind once done.
-TEST(HalLayer, StartsOnTheSystemBusStepByStep) {
-  const Lines start = {"dbus_bus_get 1", "libhal_ctx_new", "libhal_ctx_set_dbus_connection", "libhal_ctx_init"};
-  for (size_t failing = 0; failing < start.size(); ++failing) {
-    fixture::FixtureWorld world;
-    fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-    hal.failing = start[failing].substr(0, start[failing].find(' '));
-    EXPECT_FALSE(libhal_support_init());
-    EXPECT_EQ(Lines(start.begin(), start.begin() + failing + 1), hal.calls);
-    unsigned int count = 9;
-    EXPECT_FALSE(libhal_support_get_all_cdrom_devices(&count) || count || libhal_support_lock_device(kDrive));
-    EXPECT_TRUE(libhal_support_done());
-    EXPECT_EQ(0, hal.outstanding);
-  }
-}
-
-// Locks with its reason and unlocks without one, gives back what each
-// failed step handed out, and lets calls from many threads reach HAL one at
-// a time. (Listing drives is the discovery machines'.)
-TEST(HalLayer, LocksAndGivesEverythingBack) {
-  fixture::FixtureWorld world;
-  fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-  ASSERT_TRUE(libhal_support_init());
-  hal.calls.clear();
-  EXPECT_TRUE(libhal_support_lock_device(kDrive) && libhal_support_unlock_device(kDrive));
-  EXPECT_EQ("dbus_message_append_args Locked by KavoAPI", hal.calls[2]);
-  EXPECT_EQ("dbus_message_append_args", hal.calls[8]) << "Unlock has no argument";
-  for (const char* step : {"dbus_connection_send_with_reply_and_block", "dbus_message_append_args"}) {
-    hal.failing = step;
-    EXPECT_FALSE(libhal_support_lock_device(kDrive)) << step;
-  }
-  hal.failing = "";
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([] {
-      for (int i = 0; i < 5; ++i) libhal_support_lock_device(kDrive);
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(1, hal.mostAtOnce);
-  EXPECT_TRUE(libhal_support_done());
-  EXPECT_EQ(0, hal.outstanding);
 }
 
 // Each held node with its count, and the descriptors open.
@@ -147,52 +82,42 @@ std::string Holds(const fixture::FixtureWorld& world) {
   return text + std::to_string(world.OpenDescriptorCount());
 }
 
-// A nested set shares the first one's descriptors and runs no second
-// unmount; the block node goes back at the first unset, the drive at the
-// last. HAL locks a drive with a UDI at the first set and unlocks it at the
-// last unset; a refused lock is not unlocked; a drive without UDI makes no
-// call. On the "drives" machine, never mounted: an IDE drive at adapter 0
-// (/dev/hdc), a generic one at adapter 1 (/dev/sg0, block node /dev/scd0).
+// The holds of its rows, none running a second unmount; then HAL's calls from many threads
+// reach it one at a time, and all it handed out comes back.
 TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");
   fixture::BuildRegistry(world, "drives");
   fixture::FakeHal& hal = fixture::InstallFakeHal(world);
-  ASSERT_TRUE(libhal_support_init());
+  ASSERT_TRUE(libhal_support_init() && libhal_support_init()) << "a second start finds HAL running";
   SCSI_GetDeviceProperties(1, 0, 0, 0)->HalUdi = "/org/freedesktop/Hal/devices/storage_serial_DVD0";
   int shellCommands = 0;
-  world.shellHook = [&shellCommands](const std::string&) {
-    ++shellCommands;
-    return 0;
-  };
-  const struct {
-    int adapter, set, result;
-    const char *failing, *holds, *sent;  // sent: L a lock, U an unlock
-  } rows[] = {{1, 1, 0, "", "/dev/scd0x1 /dev/sg0x1 locked 2", "L"},
-              {1, 1, 0, "", "/dev/scd0x1 /dev/sg0x2 locked 2", "L"},
-              {1, 0, 0, "", "/dev/sg0x1 locked 1", "L"},
-              {1, 0, 0, "", "0", "LU"},
-              {1, 0, -1, "", "0", "LU"},
-              {0, 0, -1, "", "0", "LU"},  // registered but never held
-              {0, 1, 0, "", "/dev/hdcx1 1", "LU"},
-              {0, 0, 0, "", "0", "LU"},
-              {1, 1, 0, "dbus_connection_send_with_reply_and_block", "/dev/scd0x1 /dev/sg0x1 2", "LUL"},
-              {1, 0, 0, "", "0", "LUL"}};
-  for (const auto& row : rows) {
-    hal.failing = row.failing;
-    EXPECT_EQ(row.result, row.set ? ASPI_setExclusiveMode(row.adapter, 0) : ASPI_unsetExclusiveMode(row.adapter, 0));
-    EXPECT_EQ(row.holds, Holds(world));
+  world.shellHook = [&shellCommands](const std::string&) { return ++shellCommands, 0; };
+  int at = 0;
+  for (const auto& row : fixture::Rows("rows/exclusive")) {
+    const int adapter = static_cast<int>(fixture::Number(row[0]));
+    hal.failing = row[3];
+    const int result = row[1] == "1" ? ASPI_setExclusiveMode(adapter, 0) : ASPI_unsetExclusiveMode(adapter, 0);
+    EXPECT_EQ(fixture::Number(row[2]), result);
+    EXPECT_EQ(row[4], Holds(world));
     std::string sent;
-    for (const std::string& method : hal.Sent()) sent += method[0];
-    EXPECT_EQ(row.sent, sent) << &row - rows;
-    if (&row == rows) world.Remove("/etc/mtab");  // a second unmount at the nested set would show
-    if (&row == rows + 1) world.AddFile("/etc/mtab", "");
+    for (const std::string& call : hal.calls) sent += call.find("ock /") < 4 ? std::string(1, call[0]) : "";
+    EXPECT_EQ(row[5], sent) << "row " << at;
+    if (at == 0) world.Remove("/etc/mtab");  // a second unmount at the nested set would show
+    if (at++ == 1) world.AddFile("/etc/mtab", "");
   }
   EXPECT_EQ(0, shellCommands);
   world.Node("/dev/sg0")->onOpen = [] { return EBUSY; };
   EXPECT_EQ(-1, ASPI_setExclusiveMode(1, 0));
   EXPECT_EQ("0", Holds(world)) << "a failed open stores nothing";
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([] { for (int i = 0; i < 5; ++i) libhal_support_lock_device("/udi"); });
+  for (std::thread& thread : threads) thread.join();
   EXPECT_TRUE(libhal_support_done());
+  EXPECT_TRUE(hal.mostAtOnce == 1 && hal.outstanding == 0) << hal.mostAtOnce << " " << hal.outstanding;
+  unsigned int count = 9;  // HAL gone: no drives, a count of 0, no lock
+  EXPECT_TRUE(!libhal_support_get_all_cdrom_devices(&count) && count == 0 && !libhal_support_lock_device("/udi"));
 }
 
 }  // namespace

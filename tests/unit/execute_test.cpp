@@ -1,17 +1,17 @@
-// Execute requests through the real command path against emulated drives:
-// refusals, driver faults, target status and sense, direction fixes, an
-// older driver's command lengths and the IDE packet, none of which a real
-// drive can be made to show on demand; then requests racing holds,
-// rebuilds and each other, alone or queued on a device's worker.
+// Execute requests through the real command path against emulated drives,
+// with faults and answers no real drive shows on demand; then requests racing
+// holds, rebuilds and each other, alone or queued on a device's worker.
 #include <stdio.h>
 #include <string.h>
 
 #include <atomic>
+#include <map>
 #include <thread>
 
 #include "aspi/execute_internal.h"
 #include "aspi/worker_internal.h"
 #include "device/registry_internal.h"
+#include "device/transport.h"
 #include "discovery/init_internal.h"
 #include "gtest/gtest.h"
 #include "runtime/thread.h"
@@ -25,7 +25,6 @@ using Cdb = std::vector<unsigned char>;
 // The "drives" machine: hdc on adapter 0, an emulated host's sg0 on adapter 1, sg1 at target 4 of adapter 3.
 const unsigned char kIde = 0, kScsi = 3, kX = 0xAA;  // kX: what the library must leave alone
 const Cdb kInquiry = {0x12, 0, 0, 0, 36, 0}, kTur = {0, 0, 0, 0, 0, 0};
-const Cdb kReportKey = {0xA4, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0}, kSendKey = {0xA3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
 
 // A block with room for sense beyond its own 16 bytes, and what its posts saw.
 struct Request {
@@ -60,12 +59,6 @@ void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsign
   memcpy(srb.CDBByte, cdb.data(), std::min<size_t>(cdb.size(), 16));
 }
 
-std::string Result(const SRB_ExecSCSICmd& srb) {
-  char text[16];
-  snprintf(text, sizeof text, "%02X %02X %02X", srb.SRB_Status, srb.SRB_HaStat, srb.SRB_TargStat);
-  return text;
-}
-
 class ExecuteTest : public ::testing::Test {
  protected:
   ExecuteTest() {
@@ -88,7 +81,10 @@ class ExecuteTest : public ::testing::Test {
     block_.posts = 0;
     EXPECT_EQ(static_cast<unsigned>(SS_PENDING), ASPI_ExecuteSRB(&block_.srb));
     EXPECT_TRUE(block_.posts == 1 && block_.statusAtPost == block_.srb.SRB_Status && block_.openAtPost == 0);
-    return Result(block_.srb);
+    const SRB_ExecSCSICmd& srb = block_.srb;
+    char text[16];
+    snprintf(text, sizeof text, "%02X %02X %02X", srb.SRB_Status, srb.SRB_HaStat, srb.SRB_TargStat);
+    return text;
   }
   // The sense area and the bytes after it, as one run.
   unsigned char SenseByte(int at) const { return reinterpret_cast<const unsigned char*>(block_.srb.SenseArea)[at]; }
@@ -127,122 +123,67 @@ TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   EXPECT_TRUE(Sg().Commands().empty());
 }
 
-// Refused requests write only their status (and a direction correction) and reach no drive.
-TEST_F(ExecuteTest, RefusalsWriteOnlyTheStatus) {
-  const struct {
-    unsigned char adapter, target, cdbLen;
-    unsigned int bufLen;
-    bool buffer;
-    const char* result;
-    unsigned char flagsAfter;
-  } rows[] = {
-      {1, 5, 6, 36, true, "82 AA AA", SRB_DIR_IN},      // unknown target past the IDE adapter; INQUIRY still corrected
-      {kIde, 3, 6, 36, true, "82 AA AA", 0},            // no corrections on the IDE path
-      {kScsi, 4, 17, 36, true, "E0 AA AA", SRB_DIR_IN},
-      {kScsi, 4, 6, 0xFFFFFFF0u, true, "E0 AA AA", SRB_DIR_IN},
-      {kScsi, 4, 6, 36, false, "E0 AA AA", SRB_DIR_IN},
-      {kIde, 0, 13, 0, true, "80 AA AA", 0},  // the packet holds 12 bytes
+// Each request of its rows and what it ends with, in the block and at the drive.
+TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
+  const std::map<std::string, Fault> faults = {{"-", Fault::None}, {"busy", Fault::DriverBusy},
+      {"error", Fault::DriverError}, {"short", Fault::ShortRead}, {"eintr", Fault::InterruptedRead}};
+  auto byte = [](const std::string& hex) {
+    return static_cast<unsigned char>(hex == "-" ? 0xFF : std::stoi(hex, nullptr, 16));
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    SRB_ExecSCSICmd& srb = Make(row.adapter, kInquiry, 0);
-    srb.SRB_Target = row.target;
-    srb.SRB_CDBLen = row.cdbLen;
-    srb.SRB_BufLen = row.bufLen;
-    if (!row.buffer) srb.SRB_BufPointer = nullptr;
-    EXPECT_EQ(row.result, Run());
-    EXPECT_EQ(row.flagsAfter | SRB_POSTING, srb.SRB_Flags);
-  }
-  EXPECT_TRUE(Sg().Commands().empty() && Ide().Commands().empty() && DataUntouched());
-}
-
-// Driver faults leave the result fields, sense and data alone; an
-// interrupted read is read again. The sense key decides the target status;
-// at most 16 sense bytes come back, as many as asked for; without sense
-// asked for, what the caller left is judged.
-TEST_F(ExecuteTest, GenericOutcomeFollowsDriverStatusAndSense) {
-  const int kNoSense = 0xFF;
-  const struct {
-    Fault fault;
-    unsigned char status;
-    int key;
-    Cdb cdb;
-    unsigned char senseLen, left0, left2;
-    const char* result;
-  } rows[] = {
-      {Fault::ShortRead, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
-      {Fault::DriverBusy, 0, kNoSense, kInquiry, 14, kX, kX, "E5 AA AA"},
-      {Fault::DriverError, 0, kNoSense, kInquiry, 14, kX, kX, "04 AA AA"},
-      {Fault::InterruptedRead, 0, kNoSense, kTur, 14, kX, kX, "01 00 00"},
-      {Fault::None, 0x02, 0x00, kTur, 14, kX, kX, "01 00 00"},       // nothing to report
-      {Fault::None, 0x02, 0x06, kTur, 32, kX, kX, "04 00 06"},       // UNIT ATTENTION
-      {Fault::None, 0x02, 0x05, kReportKey, 14, kX, kX, "01 00 00"},  // the key commands complete anyway
-      {Fault::None, 0x02, 0x05, kSendKey, 14, kX, kX, "01 00 00"},
-      {Fault::None, 0x02, 0x02, kTur, 0, 0x00, kX, "04 00 02"},       // the status byte itself
-      {Fault::None, 0x28, kNoSense, kTur, 0, 0x00, kX, "04 00 28"},   // TASK SET FULL
-      {Fault::None, 0x00, kNoSense, kTur, 0, 0xF0, 0x02, "04 00 02"},  // good, but the caller's sense says NOT READY
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    Sg().FailNext(row.fault, row.status, static_cast<unsigned char>(row.key));
-    SRB_ExecSCSICmd& srb = Make(kScsi, row.cdb, SRB_DIR_IN, row.senseLen);
-    srb.SenseArea[0] = row.left0;
-    srb.SenseArea[2] = row.left2;
-    EXPECT_EQ(row.result, Run());
-    if (row.fault != Fault::None && row.fault != Fault::InterruptedRead) {
-      EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
-    }
-    if (row.key == kNoSense || row.senseLen == 0) continue;
-    const int copied = std::min(row.senseLen, static_cast<unsigned char>(16));
-    EXPECT_EQ(0x28, SenseByte(12));
-    EXPECT_EQ(0x00, SenseByte(copied - 1));
-    EXPECT_EQ(kX, SenseByte(copied));
+  for (const auto& row : fixture::Rows("rows/requests")) {
+    SCOPED_TRACE(row[2] + " on adapter " + row[0]);
+    const unsigned char adapter = static_cast<unsigned char>(fixture::Number(row[0]));
+    const char* node = adapter == kIde ? "/dev/hdc" : adapter == 1 ? "/dev/sg0" : "/dev/sg1";
+    EmulatedDrive& drive = fixture::DriveAt(world_, node);
+    const size_t commands = drive.Commands().size();
+    drive.FailNext(faults.at(row[7]), byte(row[8]), byte(row[9]));
+    SRB_ExecSCSICmd& srb = Make(adapter, fixture::Hex<unsigned char>(row[2]), byte(row[4]),
+                                static_cast<unsigned char>(fixture::Number(row[5])));
+    srb.SRB_Target = static_cast<unsigned char>(fixture::Number(row[1]));
+    if (row[3] != "-") srb.SRB_CDBLen = static_cast<unsigned char>(fixture::Number(row[3]));
+    srb.SRB_BufLen = static_cast<unsigned int>(fixture::Number(row[6]));
+    if (row[6].find("null") != std::string::npos) srb.SRB_BufPointer = nullptr;
+    srb.SenseArea[0] = byte(row[10]), srb.SenseArea[2] = byte(row[11]);
+    drive.TakeLog();
+    EXPECT_EQ(row[13], Run());
+    EXPECT_EQ(byte(row[14]) | 0x01, srb.SRB_Flags);
+    const std::string log = drive.TakeLog();
+    EXPECT_TRUE(row[15] != "-" || (drive.Commands().size() == commands && DataUntouched())) << "reached nothing";
+    if (row[15] == "-") continue;
+    const fixture::DriveCommand command = drive.Commands().back();
+    EXPECT_EQ(fixture::Hex<unsigned char>(row[15]), command.cdb);
+    EXPECT_TRUE(command.dataInLength == fixture::Number(row[16]) && command.dataOut.size() == fixture::Number(row[17]));
+    if (adapter == kIde)  // also quiet, and without a timeout of its own
+      EXPECT_TRUE(Ide().lastSenseLengthByte == fixture::Number(row[18]) && log.find(" 1 -1 ") != std::string::npos);
+    else EXPECT_EQ(row[18] == "-" ? "" : "2283:" + row[18] + " ", log.substr(std::min(log.find("2283:"), log.size())));
+    if (row.size() > 19) EXPECT_EQ(fixture::Hex<unsigned char>(row[19]), Cdb(data_, data_ + row[19].size() / 3 + 1));
+    if (row[7] != "-" && row[7] != "eintr") EXPECT_TRUE(SenseByte(0) == kX && DataUntouched());
+    if (row[9] == "-" || srb.SRB_SenseLen == 0) continue;
+    const int copied = std::min<int>(srb.SRB_SenseLen, adapter == kIde ? 64 : 16);
+    EXPECT_TRUE(SenseByte(2) == byte(row[9]) && SenseByte(12) == 0x28);
+    EXPECT_TRUE(SenseByte(copied - 1) == 0x00 && SenseByte(copied) == kX) << copied << " sense bytes";
   }
 }
 
-// The packet carries 12 command bytes (all 12 for length 0) and a 64-byte
-// sense buffer whose length byte and copied bytes follow SRB_SenseLen. The
-// path follows the registered node, whatever the IDE adapter count says.
-TEST_F(ExecuteTest, IdePacketCommandAndSenseLimits) {
-  IdeAdapterCount = 0;
-  Make(kIde, kInquiry, SRB_DIR_IN).SRB_CDBLen = 0;
-  block_.srb.CDBByte[11] = 0x5C;
+// A device type comes from the drive's inquiry without its qualifier bits;
+// other commands are refused untouched; events are set; the IDE path follows the node.
+TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
+  for (unsigned char ha : {kIde, kScsi}) {
+    SRB_GDEVBlock type = {};
+    type.SRB_Cmd = 0x01, type.SRB_HaId = ha, type.SRB_Target = ha == kScsi ? 4 : 0;
+    EXPECT_EQ(0x01u, SendASPI32Command(&type));
+    EXPECT_EQ(5, type.SRB_DeviceType);
+    const Cdb cdb = fixture::DriveAt(world_, ha == kScsi ? "/dev/sg1" : "/dev/hdc").Commands().back().cdb;
+    EXPECT_EQ((Cdb{0x12, 0, 0, 0, 200, 0}), Cdb(cdb.begin(), cdb.begin() + 6)) << "INQUIRY of 200 bytes";
+  }
+  unsigned char other[16] = {0x03, kX};
+  EXPECT_TRUE(SendASPI32Command(other) == 0xE0 && other[1] == kX);
+  CPosixEvent done(0, 0);  // SRB_EVENT_NOTIFY (0x40) without SRB_POSTING sets the event
+  Make(kScsi, kInquiry, 0x08).SRB_Flags = 0x48, block_.srb.SRB_PostProc = &done;
+  EXPECT_TRUE(ASPI_ExecuteSRB(&block_.srb) == 0 && done.WaitForEvent(0) == 1 && block_.srb.SRB_Status == 0x01);
+  IdeAdapterCount = 0;  // the path follows the registered node, whatever the count says
+  Make(kIde, kInquiry, 0x08);
   EXPECT_EQ("01 00 AA", Run());
-  EXPECT_EQ(0x05, data_[0]) << "read in";
-  EXPECT_EQ((Cdb{0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0x5C}), Ide().Commands()[0].cdb);
-  const struct { unsigned char senseLen, lengthByte, copied; } rows[] = {{18, 10, 18}, {100, 56, 64}};
-  for (const auto& row : rows) {
-    Ide().FailNext(Fault::None, 0x02, 0x05);
-    Make(kIde, kTur, 0, row.senseLen);
-    EXPECT_EQ("04 AA 02", Run());
-    EXPECT_EQ(row.lengthByte, Ide().lastSenseLengthByte);
-    EXPECT_EQ(0x05, SenseByte(2));
-    EXPECT_EQ(0x00, SenseByte(row.copied - 1));
-    EXPECT_EQ(kX, SenseByte(row.copied)) << static_cast<int>(row.senseLen);
-  }
-}
-
-// Commands that always move data one way get the missing direction bit.
-// The drive gets each command whole, also a 16-byte one from a driver that
-// takes 12 bytes for its opcode group unless told otherwise.
-TEST_F(ExecuteTest, DirectionAndCommandReachTheDrive) {
-  const struct { Cdb cdb; unsigned char flagsAfter; size_t in, out; } rows[] = {
-      {{0x5A, 0, 0, 0, 0, 0, 0, 0, 8, 0}, SRB_DIR_IN, 8, 0},
-      {kReportKey, SRB_DIR_IN, 8, 0},
-      {{0xAD, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0}, SRB_DIR_IN, 8, 0},
-      {kSendKey, SRB_DIR_OUT, 0, 8},
-      {{0x88, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0}, 0, 0, 0},
-      {{0x28, 0, 0, 0, 0, 1, 0}, 0, 0, 0},
-  };
-  for (const auto& row : rows) {
-    Make(kScsi, row.cdb, 0);
-    Run();
-    EXPECT_EQ(row.flagsAfter | SRB_POSTING, block_.srb.SRB_Flags);
-    const fixture::DriveCommand command = Sg().Commands().back();
-    EXPECT_EQ(row.cdb, command.cdb);
-    EXPECT_EQ(row.in, command.dataInLength);
-    EXPECT_EQ(row.out, command.dataOut.size());
-  }
 }
 
 // A READ(10) of bufLen bytes at lba.
@@ -316,6 +257,8 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   };
   ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&queued[0].srb);
   ASSERT_TRUE(record != nullptr && record == meanwhile && record == ASPI_OpenDevice(&queued[2].srb));
+  EXPECT_NE(std::string::npos, Sg().TakeLog().find("2201:10800000 2201:30000 ")) << "a worker waits 300 s a command";
+  EXPECT_EQ(-1, SCSI_LinuxSetTimeout(-1, 30000)) << "the ioctl's result";
   EXPECT_TRUE(AspiDeviceList.size() == 1 && world_.OpenDescriptorCount() == 1);
   CThread* worker = CThreadingBeginThread(ASPI_ThreadFunction, record, 0, 0, 0);
   record->QueueLock->Lock(0xFFFFFFFF);

@@ -1,10 +1,13 @@
 // The runtime the library exports: the string class, code-page conversion,
-// the bounded CRT functions and the system's name, as tables of inputs.
+// the bounded CRT functions and system information, as tables of inputs.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <functional>
+#include <map>
 
 #include "runtime/charset.h"
 #include "runtime/crt.h"
@@ -30,93 +33,121 @@ TEST(BasicString, GrowsByOneRuleAndComparesByteWise) {
 
 using Units = std::vector<unsigned short>;
 
-// Text no set of the code page takes goes down the fallback list; the first
-// set that takes it wins. Results count the terminator; 0 is a failure, -1
-// not tried.
 TEST(CodePages, ConvertBothWaysWithFallbacks) {
-  const unsigned short kLoneSurrogate = 0xD800;
-  const struct {
-    unsigned int codePage;
-    std::string bytes;
-    Units units;
-    int toWide, toBytes;
-  } rows[] = {
-      {kCodePageUtf8, "K\xC3\xA9\xE6\x97\xA5\xE2\x82\xAC", {'K', 0xE9, 0x65E5, 0x20AC}, 5, 10},
-      {kCodePageUtf7, "a+-b", {'a', '+', 'b'}, 4, 5},
-      {kCodePageUtf7, "+2A", {kLoneSurrogate}, -1, 4},  // only UTF-7 carries a lone surrogate
-      {kCodePageUtf8, "", {kLoneSurrogate}, -1, 0},
-      {932, "\x93\xFA", {0x93, 0xFA}, 3, -1},  // ISO-8859-1 wins long before Shift-JIS
-      {0, "\xA4\xA2", {0x3042}, 2, -1},        // EUC-JP before EUC-KR
-      {0, "\xA9\xA1", {0x00E6}, 2, -1},        // not EUC-JP; EUC-KR before ISO-8859-1
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.bytes);
-    unsigned short wide[16] = {0};
-    if (row.toWide != -1) {
-      EXPECT_EQ(row.toWide, MultiByteToWideChar(row.codePage, 0, row.bytes.c_str(), -1, wide, 16));
-      EXPECT_EQ(row.units, Units(wide, wide + row.toWide - 1));
+  for (const auto& row : fixture::Rows("rows/code_pages")) {
+    SCOPED_TRACE(row[1]);
+    const std::vector<char> bytes = fixture::Hex<char>(row[1]);
+    Units units = fixture::Hex<unsigned short>(row[2]), wide(16, 0);
+    const unsigned int codePage = static_cast<unsigned int>(fixture::Number(row[0]));
+    if (row[3] != "-") {
+      const std::string text(bytes.begin(), bytes.end());
+      EXPECT_EQ(fixture::Number(row[3]), MultiByteToWideChar(codePage, 0, text.c_str(), -1, wide.data(), 16));
+      EXPECT_EQ(units, Units(wide.begin(), wide.begin() + fixture::Number(row[3]) - 1));
     }
-    if (row.toBytes == -1) continue;
-    Units text = row.units;
-    text.push_back(0);
-    char bytes[16] = "";
-    EXPECT_EQ(row.toBytes, WideCharToMultiByte(row.codePage, 0, text.data(), -1, bytes, 16, nullptr, nullptr));
-    if (row.toBytes != 0) {
-      EXPECT_EQ(row.bytes, bytes);
-    }
+    if (row[4] == "-") continue;
+    units.push_back(0);
+    char text[16] = "";
+    EXPECT_EQ(fixture::Number(row[4]), WideCharToMultiByte(codePage, 0, units.data(), -1, text, 16, nullptr, nullptr));
+    if (row[4] != "0") EXPECT_EQ(std::string(bytes.begin(), bytes.end()), text);
   }
 }
 
-const int kUntouched = 12345;  // an errno value no function here stores
+// One call of tests/fixture/data/rows/bounded_calls.txt: its arguments and the buffers they name.
+struct Call {
+  std::vector<std::string> words;
+  char text[64];
+  unsigned short wide[64], source[64];
+  long timer;
+  bool Null(size_t i) const { return words.at(i) == "null"; }
+  char* Buf(size_t i) { return Null(i) ? nullptr : text; }
+  unsigned short* Wide(size_t i) { return Null(i) ? nullptr : wide; }
+  const char* Str(size_t i) const { return Null(i) ? nullptr : words[i].c_str(); }
+  const unsigned short* WideStr(size_t i) { return std::copy(Str(i), Str(i) + words[i].size() + 1, source), source; }
+  unsigned int U(size_t i) const { return static_cast<unsigned int>(std::stoll(words.at(i), nullptr, 0)); }
+  int I(size_t i) const { return static_cast<int>(U(i)); }
+  const long* Timer(size_t i) { return Null(i) ? nullptr : &(timer = I(i)); }
+};
 
-// Each call starts on a buffer holding "ab" with errno at kUntouched: the
-// result, the text left behind, and errno (kUntouched: not set).
-TEST(BoundedText, ResultTextAndErrnoOfEachCall) {
-  const struct {
-    const char* what;
-    std::function<int(char*)> call;
-    int result;
-    const char* text;
-    int errnoAfter;
-  } rows[] = {
-      {"strcpy_s fits", [](char* d) { return strcpy_s(d, 4, "abc"); }, 0, "abc", kUntouched},
-      {"strcpy_s no room", [](char* d) { return strcpy_s(d, 3, "abc"); }, ERANGE, "", ERANGE},
-      {"strcpy_s null", [](char* d) { return strcpy_s(d, 4, nullptr); }, EINVAL, "", EINVAL},
-      {"strncpy_s count", [](char* d) { return strncpy_s(d, 4, "abcdef", 3); }, 0, "abc", kUntouched},
-      {"strncpy_s truncate", [](char* d) { return strncpy_s(d, 3, "abcdef", kTruncateCount); }, 80, "ab", kUntouched},
-      {"strcat_s no room", [](char* d) { return strcat_s(d, 4, "cd"); }, ERANGE, "", ERANGE},
-      {"strncat_s truncate", [](char* d) { return strncat_s(d, 5, "cdef", kTruncateCount); }, 80, "abcd", kUntouched},
-      {"strncat_s unterminated", [](char* d) { return strncat_s(d, 2, "a", 0); }, EINVAL, "", EINVAL},
-      {"_itoa_s no room", [](char* d) { return _itoa_s(-5, d, 2, 10); }, ERANGE, "", ERANGE},
-      {"_itoa_s radix", [](char* d) { return _itoa_s(7, d, 8, 37); }, EINVAL, "", EINVAL},
-      {"_snprintf_s truncate", [](char* d) { return _snprintf_s(d, 8, kTruncateCount, "%s", "abcdefghij"); }, -1,
-       "abcdefg", kUntouched},
-      {"_snprintf_s no room", [](char* d) { return _snprintf_s(d, 8, 10, "%s", "abcdefghij"); }, -1, "", ERANGE},
-      {"sprintf_s fits", [](char* d) { return sprintf_s(d, 5, "%s", "abcd"); }, 4, "abcd", kUntouched},
-      {"_strrev", [](char* d) { return strcmp(_strrev(strcpy(d, "abcd")), "dcba"); }, 0, "dcba", kUntouched},
-      {"_itoa", [](char* d) { return strcmp(_itoa(-2147483647 - 1, d, 10), "-2147483648"); }, 0, "-2147483648",
-       kUntouched},
-  };
+const std::map<std::string, std::function<long(Call&)>> kCalls = {
+    {"strcpy_s", [](Call& c) { return strcpy_s(c.Buf(0), c.U(1), c.Str(2)); }},
+    {"strncpy_s", [](Call& c) { return strncpy_s(c.Buf(0), c.U(1), c.Str(2), c.U(3)); }},
+    {"wcscpy_s", [](Call& c) { return wcscpy_s(c.Wide(0), c.U(1), c.WideStr(2)); }},
+    {"wcsncpy_s", [](Call& c) { return wcsncpy_s(c.Wide(0), c.U(1), c.WideStr(2), c.U(3)); }},
+    {"strcat_s", [](Call& c) { return strcat_s(c.Buf(0), c.U(1), c.Str(2)); }},
+    {"strncat_s", [](Call& c) { return strncat_s(c.Buf(0), c.U(1), c.Str(2), c.U(3)); }},
+    {"memcpy_s", [](Call& c) { return memcpy_s(c.Buf(0), c.U(1), c.Str(2), c.U(3)); }},
+    {"wmemcpy_s", [](Call& c) { return wmemcpy_s(c.Wide(0), c.U(1), c.WideStr(2), c.U(3)); }},
+    {"_strupr_s", [](Call& c) { return _strupr_s(c.Buf(0), c.U(1)); }},
+    {"_strlwr_s", [](Call& c) { return _strlwr_s(c.Buf(0), c.U(1)); }},
+    {"_itoa_s", [](Call& c) { return _itoa_s(c.I(0), c.Buf(1), c.U(2), c.I(3)); }},
+    {"_itoa", [](Call& c) { return _itoa(c.I(0), c.text, c.I(2)) == c.text; }},
+    {"_strrev", [](Call& c) { return _strrev(c.text) == c.text; }},
+    {"ctime_s", [](Call& c) { return ctime_s(c.Buf(0), c.U(1), c.Timer(2)); }},
+    {"sprintf_s", [](Call& c) { return sprintf_s(c.Buf(0), c.U(1), c.Str(2), c.Str(3)); }},
+    {"_snprintf_s", [](Call& c) { return _snprintf_s(c.Buf(0), c.U(1), c.U(2), c.Str(3), c.Str(4)); }},
+    {"localtime_s", [](Call& c) {  // the buffer shows the year, the day and the daylight flag
+       tm t = {};
+       const int result = localtime_s(c.Null(0) ? nullptr : &t, c.Timer(1));
+       return c.Null(0) ? result : (snprintf(c.text, 64, "%d %d %d", t.tm_year, t.tm_mday, t.tm_isdst), result);
+     }},
+    {"sopen_s", [](Call& c) {  // the buffer shows the descriptor, closed again
+       int fh = 7, result = sopen_s(&fh, c.Str(0), c.I(1), 0, c.I(2));
+       if (fh >= 0) close(fh);
+       return snprintf(c.text, 64, "%d", fh), result;
+     }},
+    {"strtok_s", [](Call& c) {  // over a copy of the first word; the buffer shows the tokens, each ended by '|'
+       std::string tokens, input = c.words[0];
+       char* context = nullptr;
+       for (char* t = strtok_s(c.Null(0) ? nullptr : &input[0], c.Str(1), &context); t;
+            t = strtok_s(nullptr, c.Str(1), &context))
+         tokens += std::string(t) + "|";
+       return strcpy(c.text, tokens.c_str()), std::count(tokens.begin(), tokens.end(), '|');
+     }},
+};
+
+TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
+  const auto rows = fixture::Rows("rows/bounded_calls");
+  EXPECT_GT(rows.size(), 50u);
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    char buffer[16] = "ab";
-    errno = kUntouched;
-    EXPECT_EQ(row.result, row.call(buffer));
-    EXPECT_STREQ(row.text, buffer);
-    EXPECT_EQ(row.errnoAfter, errno);
+    const size_t arrow = std::find(row.begin(), row.end(), "=>") - row.begin();
+    Call call;
+    call.words.assign(row.begin() + 2, row.begin() + arrow);
+    memset(call.text, 0, sizeof call.text);
+    memset(call.text, 'x', 8);
+    strcpy(call.text, row[0].c_str());
+    std::copy(call.text, call.text + sizeof call.text, call.wide);
+    errno = 12345;
+    const std::string what = row[1] + " " + (call.words.empty() ? "" : call.words[0]);
+    EXPECT_EQ(fixture::Number(row.at(arrow + 1)), kCalls.at(row[1])(call)) << what;
+    EXPECT_EQ(row[arrow + 2] == "-" ? 12345 : fixture::Number(row[arrow + 2]), errno) << what;
+    if (row[1][0] == 'w') std::copy(call.wide, call.wide + sizeof call.text, call.text);
+    EXPECT_EQ(row[arrow + 3], std::string(call.text, strnlen(call.text, sizeof call.text))) << what;
   }
 }
 
-// Each machine is a whole /etc world with the name it should give:
-// lsb-release, else the first release file that opens, else the kernel type.
-TEST(SystemInfo, NameComesFromLsbReleaseOrTheFirstReleaseFile) {
-  for (const char* name : {"os/lsb", "os/lsb_keys", "os/lsb_long_line", "os/lsb_long_line_cut", "os/lsb_without_release",
-                           "os/redhat_before_suse", "os/fedora_before_redhat", "os/empty_release_file",
-                           "os/empty_kernel_type", "os/kernel_type_alone"}) {
+// Each machine is a whole /etc world with what it should give, by key: its
+// name from lsb-release, else the first release file that opens, else the
+// kernel type; its version with the two numbers read from it; its memory.
+TEST(SystemInfo, NameVersionAndMemoryOfEachMachine) {
+  for (const auto& machine : fixture::Rows("os/machines")) {
     fixture::FixtureWorld world;
-    world.Load(name);
-    EXPECT_EQ(world.expected, std::vector<std::string>{CPortableSystem::GetOSName().GetString()}) << name;
+    world.Load("os/" + machine[0]);
+    unsigned int major = 9, minor = 9;
+    CPortableSystem::GetOSVersion(major, minor);
+    const std::string numbers = std::to_string(major) + " " + std::to_string(minor);
+    const std::string memory = std::to_string(CPortableSystem::GetTotalPhysicalMemory()) + " " +
+                               std::to_string(CPortableSystem::GetFreePhysicalMemory());
+    std::map<std::string, std::string> found = {{"name", CPortableSystem::GetOSName().GetString()},
+        {"version", std::string(CPortableSystem::GetOSVersion().GetString()) + " " + numbers},
+        {"memory", memory + " " + std::to_string(CPortableSystem::GetMemoryLoad())}};
+    for (const std::string& line : world.expected) {
+      const std::string key = line.substr(0, line.find(' '));
+      EXPECT_EQ(line, key + " " + found[key]) << machine[0];
+    }
   }
+  fixture::FixtureWorld world;  // sleeps in fake time: 2 s, then 500 ms
+  for (int milliseconds : {2500, 0, -5}) CPortableSystem::PauseExecution(milliseconds);
+  EXPECT_TRUE(world.slept == 2500000 && world.sleepCalls == 2) << world.slept;
 }
 
 }  // namespace

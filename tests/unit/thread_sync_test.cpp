@@ -3,6 +3,7 @@
 // threads: held start, exit code, own object, parent, wait on destruction.
 #include "runtime/sync.h"
 #include "runtime/thread.h"
+#include "tests/fixture/world.h"
 
 #include <gtest/gtest.h>
 
@@ -23,7 +24,7 @@ int Elsewhere(CPosixSyncObject& object, bool unlock = false) {
 // within its maximum; an automatic event lets one wait through per set; a
 // manual one stays set.
 TEST(Sync, StepsOfEachObject) {
-  CPosixMutex mutex(0), owned(1);
+  CPosixMutex mutex(0), owned(1), notOwned(2);
   CPosixSemaphore semaphore(0, 1);
   CPosixEvent automatic(0, 0), manual(1, 1);
   const std::vector<int> steps = {
@@ -33,11 +34,38 @@ TEST(Sync, StepsOfEachObject) {
       semaphore.Lock(0),        semaphore.Unlock(),       semaphore.Unlock(),      semaphore.Lock(0),
       semaphore.Lock(0),        automatic.SetEvent(),     automatic.SetEvent(),    automatic.WaitForEvent(0),
       automatic.WaitForEvent(0), manual.WaitForEvent(0),  manual.WaitForEvent(0),  manual.ResetEvent(),
-      manual.WaitForEvent(0)};
-  EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0}), steps);
+      manual.WaitForEvent(0),   Elsewhere(notOwned)};
+  EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1}), steps);
 }
 
 using std::chrono::milliseconds;
+
+// Each timed wait of its rows ends with 0 at its deadline on the seam's clock, not sooner,
+// and long before the release 2 s on, which a wait a thousand times too long meets.
+TEST(Sync, TimedWaitsEndAtTheirDeadline) {
+  fixture::FixtureWorld world;
+  CPosixMutex mutex(0);
+  CPosixSemaphore semaphore(0, 1);
+  CPosixEvent event(0, 0);
+  std::atomic<bool> done(false);
+  std::thread holder([&] {
+    mutex.Lock(0xFFFFFFFF);
+    for (int waited = 0; waited < 2000 && !done; ++waited) std::this_thread::sleep_for(milliseconds(1));
+    mutex.Unlock(), semaphore.Unlock(), event.SetEvent();
+  });
+  while (mutex.Lock(0) == 1) mutex.Unlock();
+  for (const auto& row : fixture::Rows("rows/timed_waits")) {
+    CPosixSyncObject* object = &semaphore;
+    if (row[0] != "semaphore") object = row[0] == "mutex" ? static_cast<CPosixSyncObject*>(&mutex) : &event;
+    world.clockShift = fixture::Number(row[2]), world.clockMicroseconds = static_cast<int>(fixture::Number(row[3]));
+    const auto start = std::chrono::steady_clock::now();
+    const std::string what = row[0] + " " + row[1];
+    EXPECT_EQ(0, object->Lock(static_cast<unsigned int>(fixture::Number(row[1])))) << what;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(fixture::Number(row[4]))) << what;
+  }
+  done = true;
+  holder.join();
+}
 
 struct Probe {
   unsigned int endWith = 0;  // 0: return 7, else EndThread(endWith)
@@ -67,12 +95,12 @@ TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
       {"destroyed while running", kDestroyedAtOnce, 0}};
   for (const auto& row : rows) {
     Probe inner, probe{row.endWith, row.how == kNested ? &inner : nullptr};
-    CThread* thread = CThreadingBeginThread(RunProbe, &probe, 0, 0, row.how == kHeld);
+    CThread* thread = CThreadingBeginThread(RunProbe, &probe, 0, 0, row.how == kHeld ? 1 : 2);
     if (row.how == kHeld) std::this_thread::sleep_for(milliseconds(100));
     EXPECT_TRUE(row.how != kHeld || (probe.self == nullptr && thread->ResumeThread() == 0)) << "held until resumed";
     const unsigned int exitCode = row.how == kDestroyedAtOnce ? 1 : row.endWith;  // 1: still running
     unsigned int code = 0;
-    EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1) << row.what << ": still running";
+    EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1 && thread->SetThreadPriority(3) == 1) << row.what;
     while (row.how != kDestroyedAtOnce && (!probe.finished || (exitCode != 1 && code == 1)))
       thread->GetExitCodeThread(&code);
     delete thread;  // waits for a running thread
