@@ -1,5 +1,5 @@
 // The VM's real drives through the library: each drive's steps with a really mounted disc,
-// races with holds and other programs, per-device workers. The rest is scenario-aspitool's.
+// races with holds and other programs. The rest is scenario-aspitool's.
 #include <errno.h>
 #include <fcntl.h>
 #include <glob.h>
@@ -12,11 +12,10 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <thread>
 
 #include "aspi/srb.h"
-#include "aspi/worker.h"
-#include "runtime/thread.h"
 
 namespace {
 
@@ -148,39 +147,6 @@ int ADriveAnotherProgramHolds() {
   return wrong;
 }
 
-struct Posted {
-  SRB_ExecSCSICmd srb;  // first: the completion finds its request from the block
-  std::atomic<CThread*> on;
-  unsigned char data[2048];
-} posted[2][4];
-
-void NotePosted(SRB_ExecSCSICmd* srb) { reinterpret_cast<Posted*>(srb)->on = CThread::GetThread(); }
-
-// A worker for each drive, as an application starts it; the records keep
-// their drives open, so this runs after every hold.
-int ReadsOnTheirDrivesWorkers() {
-  const Drive* drives[2] = {&scsi, &atapi};
-  CThread* workers[2] = {};
-  int wrong = 0;
-  for (int d = 0; d < 2; ++d) {
-    for (int i = 0; i < 4; ++i) {
-      posted[d][i].srb = Read10(*drives[d], dataLba + i, posted[d][i].data, SRB_DIR_IN | SRB_POSTING);
-      posted[d][i].srb.SRB_PostProc = reinterpret_cast<void*>(&NotePosted);
-    }
-    ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&posted[d][0].srb);
-    if (!record) return 8;
-    workers[d] = CThreadingBeginThread(ASPI_ThreadFunction, record, 0, 0, 0);
-    record->QueueLock->Lock(0xFFFFFFFF);
-    for (Posted& request : posted[d]) record->Queue->push_back(&request.srb);
-    record->QueueLock->Unlock();
-  }
-  for (int waited = 0; (!posted[0][3].on || !posted[1][3].on) && waited < 3000; ++waited) usleep(10000);
-  for (int d = 0; d < 2; ++d)
-    for (int i = 0; i < 4; ++i)
-      wrong += posted[d][i].on != workers[d] || !IsDisc(posted[d][i].data, dataLba + i);
-  return wrong;  // the workers idle until the process ends
-}
-
 }  // namespace
 
 int main() {
@@ -199,7 +165,6 @@ int main() {
       {"a request to a drive another program holds fails rather than waits; the other goes on",
        ADriveAnotherProgramHolds},
       {"reads while the drive is taken and released carry their sectors", ReadsWhileTaking},
-      {"reads queued on two drives' workers complete on their worker with the disc's data", ReadsOnTheirDrivesWorkers},
   };
   for (const auto& race : races) Check(race.what, race.run(), 0);
   return failures == 0 ? 0 : 1;

@@ -25,8 +25,8 @@ TEST(BasicString, GrowsByOneRuleAndComparesByteWise) {
   key.Format("h%02dc%02dt%02dd%02d", 0, 0, 0, 0);
   EXPECT_EQ(26, key.GetCapacity()) << "grown for 12 characters";
   const struct { const char *left, *right; int count, result; } rows[] = {
-      {"b", "ab", -1, -1},    {"ab", "b", -1, 1},   {"abc", "abc", -1, 0},
-      {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0}, {nullptr, "", -1, -1},
+      {"b", "ab", -1, -1},    {"ab", "b", -1, 1},   {"abc", "abc", -1, 0},     {"ab", "abc", -1, -1},
+      {"abc", "abd", -1, -1}, {"abc", "abd", 2, 0}, {nullptr, "", -1, -1},     {"abc", "ab", -1, 1},
       {"\xE9", "e", -1, -1}};  // bytes above 0x7F sort before ASCII
   for (const auto& row : rows) EXPECT_EQ(row.result, UnicodeStringCmp<char>(row.left, row.right, row.count)) << &row - rows;
 }
