@@ -257,6 +257,9 @@ TEST_F(ExecuteTest, AWorkerRecordPerDeviceRunsItsQueueInOrderOnItsOwnThread) {
   };
   ASPI_DEVICE_INFO* record = ASPI_OpenDevice(&queued[0].srb);
   ASSERT_TRUE(record != nullptr && record == meanwhile && record == ASPI_OpenDevice(&queued[2].srb));
+  queued[0].srb.SRB_Lun = 1;
+  EXPECT_EQ(nullptr, ASPI_OpenDevice(&queued[0].srb)) << "a record is one LUN's";
+  queued[0].srb.SRB_Lun = 0;
   EXPECT_NE(std::string::npos, Sg().TakeLog().find("2201:10800000 2201:30000 ")) << "a worker waits 300 s a command";
   EXPECT_EQ(-1, SCSI_LinuxSetTimeout(-1, 30000)) << "the ioctl's result";
   EXPECT_TRUE(AspiDeviceList.size() == 1 && world_.OpenDescriptorCount() == 1);
