@@ -70,8 +70,8 @@ void CorrectDirection(SRB_ExecSCSICmd* srb) {
 // exclusively, pinned until the request lets go of it, or one opened for
 // this request alone and closed by it; and the device's lock around the
 // exchange, exactly the mutex that was taken: the one the open took, or
-// else one polled for now. Lock and pin are given back together, in one
-// hold of the registry lock, before an owned descriptor is closed.
+// else one polled for now. Lock and pin are given back without the
+// registry lock, before an owned descriptor is closed.
 class RequestDescriptor {
  public:
   RequestDescriptor(const DeviceAddress& device, unsigned char cdbLength)
@@ -101,10 +101,10 @@ class RequestDescriptor {
     return request_.deviceLock != nullptr;
   }
   void Release() {
-    const int pinned = request_.pinned ? request_.fd : -1;
-    SCSI_ReleaseRequestHolds(request_.deviceLock, pinned);
-    if (request_.fd != -1 && !request_.pinned) kavo::os::Close(request_.fd);
+    SCSI_ReleaseRequestHolds(request_.deviceLock, request_.pin);
+    if (request_.fd != -1 && request_.pin == nullptr) kavo::os::Close(request_.fd);
     request_.deviceLock = nullptr;
+    request_.pin = nullptr;
     request_.fd = -1;
   }
 

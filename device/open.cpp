@@ -124,15 +124,14 @@ const SCSI_RefCountedFileDesc* HeldUnder(const CBasicString<char>& path) {
 }
 
 // The cached descriptor of a drive held exclusively, pinned for the
-// request, or false when the drive is not held. DevicesMapLock is held,
+// request, or null when the drive is not held. DevicesMapLock is held,
 // which is enough to read OpenedDevicesMap (it changes only under both map
 // locks) and to pin; with no drive held at all nothing is searched.
-bool PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
+SCSI_DescriptorPin* PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
   const SCSI_RefCountedFileDesc* held = HeldUnder(device.DevicePath);
-  if (held == nullptr || held->nFileDesc < 0) return false;
+  if (held == nullptr || held->nFileDesc < 0) return nullptr;
   *fd = held->nFileDesc;
-  SCSI_PinCachedDescriptor(*fd);
-  return true;
+  return SCSI_PinCachedDescriptor(*fd);
 }
 
 // The device's lock, when it is free now, taken while the record is at
@@ -195,15 +194,15 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
   RequestLookupLocks locks;
   for (;;) {
-    SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr, false};
+    SCSI_RequestDescriptor request = {-1, nullptr, kOtherNode, false, nullptr, false};
     const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
     if (device == nullptr) return request;
     request.registered = true;
     request.kind = KindOfNode(device->DevicePath.GetString());
     request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
     if (request.kind == kIdeNode && !ideCommandFits) return request;
-    request.pinned = PinHeldDescriptor(*device, &request.fd);
-    if (request.pinned) {
+    request.pin = PinHeldDescriptor(*device, &request.fd);
+    if (request.pin != nullptr) {
       request.deviceLock = TryDeviceLock(*device);
       return request;
     }
