@@ -157,14 +157,10 @@ struct LastDeviceKey {
   bool filled = false;
 };
 
-}  // namespace
-
-// Every request looks its device up, so the key is written by hand into a
-// string each thread keeps: once grown, it is refilled in place, without a
-// printf pass or an allocation, and only when the address differs from the
-// thread's last one (requests mostly follow each other to one device).
-// Freed at thread exit.
-SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
+// The key is written by hand into a string each thread keeps: once grown,
+// it is refilled in place, without a printf pass or an allocation, and only
+// when the address differs from the thread's last one. Freed at thread exit.
+SCSI_DeviceProperties* FindByKey(int host, int channel, int target, int lun) {
   thread_local LastDeviceKey last;
   if (!last.filled || last.host != host || last.channel != channel || last.target != target || last.lun != lun) {
     char text[64];
@@ -178,6 +174,38 @@ SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int targe
     last.filled = true;
   }
   return SCSI_FindInStringMap(DevicesMap, last.key);
+}
+
+// Counts the records ever freed; DevicesMapLock guards it. A record found
+// while it had a value is still the one in the map under its key as long as
+// it has that value: the library takes a record out of the map only to free
+// it (a purge, a replacement), and a key that gets a record where it had
+// none never had one found.
+unsigned long long RecordsFreed = 0;
+
+// The record a thread found last, with its address and the count of freed
+// records at that time; a plain block, so reaching it costs one look-up of
+// the thread's storage and nothing at thread exit.
+struct LastFound {
+  int host, channel, target, lun;
+  SCSI_DeviceProperties* record;  // null: nothing remembered
+  unsigned long long recordsFreed;
+};
+thread_local LastFound lastFound;
+
+}  // namespace
+
+// Requests mostly follow each other to one device, so a thread's last find
+// answers again while no record has been freed since; else the map is
+// searched.
+SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
+  LastFound& last = lastFound;
+  if (last.record != nullptr && last.recordsFreed == RecordsFreed && last.host == host && last.channel == channel &&
+      last.target == target && last.lun == lun)
+    return last.record;
+  SCSI_DeviceProperties* record = FindByKey(host, channel, target, lun);
+  last = {host, channel, target, lun, record, RecordsFreed};
+  return record;
 }
 
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost) {
@@ -221,6 +249,7 @@ void DeleteRetiredLocksNowFree() {
 // waits for the guard its Unlock holds to the end.
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey) {
   if (record == nullptr) return;
+  ++RecordsFreed;
   DeleteRetiredLocksNowFree();
   if (record->DeviceLock != nullptr && !IsFree(record->DeviceLock))
     RetiredDeviceLocks.push_back({deviceKey, record->DeviceLock});
