@@ -17,10 +17,14 @@ const unsigned int kBusyRetryMicroseconds = 100;
 const int kReservedBufferSize = 131072;  // the largest transfer reported to applications
 const int kGenericCommandTimeout = 10800000;
 
-// Decided by the two characters after the last '/' of the path.
-SCSI_NodeKind KindOfNode(const char* devicePath) {
-  const char* name = strrchr(devicePath, '/');
-  if (name == nullptr || name[1] == '\0') return kOtherNode;
+// Decided by the two characters after the last '/' of the path, which is
+// searched from the end: every request asks this.
+SCSI_NodeKind KindOfNode(const CBasicString<char>& devicePath) {
+  const char* path = devicePath.GetString();
+  int slash = devicePath.GetLength() - 1;
+  while (slash >= 0 && path[slash] != '/') --slash;
+  if (slash < 0 || path[slash + 1] == '\0') return kOtherNode;
+  const char* name = path + slash;
   if (name[1] == 's' && name[2] == 'g') return kGenericNode;
   if (name[1] == 'h' && name[2] == 'd') return kIdeNode;
   return kOtherNode;
@@ -98,9 +102,10 @@ class RegistryOpenHold {
   RegistryOpenHold& operator=(const RegistryOpenHold&) = delete;
 };
 
-// Opens a registered device; RescanLock and DevicesMapLock are held.
-int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, int* pBlockFileDesc) {
-  const SCSI_NodeKind kind = KindOfNode(device.DevicePath.GetString());
+// Opens a registered device whose node is of kind; RescanLock and
+// DevicesMapLock are held.
+int OpenRegisteredDevice(const SCSI_DeviceProperties& device, SCSI_NodeKind kind, int bExclusive,
+                         int* pBlockFileDesc) {
   int flags = OpenFlagsFor(kind);
   if (bExclusive == 1) {
     flags |= O_EXCL;
@@ -115,11 +120,20 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, in
   return fd;
 }
 
+bool SameText(const CBasicString<char>& a, const CBasicString<char>& b) {
+  if (a.GetLength() != b.GetLength()) return false;
+  const char* x = a.GetString();
+  const char* y = b.GetString();
+  for (int at = 0; at < a.GetLength(); ++at)
+    if (x[at] != y[at]) return false;
+  return true;
+}
+
 // The cache entry under path, or null. The cache holds an entry or two per
 // held drive, so a scan for the equal string beats the ordered search.
 const SCSI_RefCountedFileDesc* HeldUnder(const CBasicString<char>& path) {
   for (const auto& entry : OpenedDevicesMap)
-    if (strcmp(entry.first.GetString(), path.GetString()) == 0) return entry.second;
+    if (SameText(entry.first, path)) return entry.second;
   return nullptr;
 }
 
@@ -179,7 +193,7 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, nChannel, nTarget, nLun);
   if (device == nullptr) return -1;
-  return OpenRegisteredDevice(*device, bExclusive, pBlockFileDesc);
+  return OpenRegisteredDevice(*device, KindOfNode(device->DevicePath), bExclusive, pBlockFileDesc);
 }
 
 // The cached descriptor's number is only good while DevicesMapLock is
@@ -198,7 +212,7 @@ SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, in
     const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
     if (device == nullptr) return request;
     request.registered = true;
-    request.kind = KindOfNode(device->DevicePath.GetString());
+    request.kind = KindOfNode(device->DevicePath);
     request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
     if (request.kind == kIdeNode && !ideCommandFits) return request;
     request.pin = PinHeldDescriptor(*device, &request.fd);
@@ -209,7 +223,7 @@ SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, in
     if (!locks.HoldRescanLockWithoutWaiting()) continue;
     // Tried before the open: the record is not read again after it.
     request.deviceLock = TryDeviceLock(*device);
-    request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+    request.fd = OpenRegisteredDevice(*device, request.kind, 0, nullptr);
     if (request.fd == -1 && request.deviceLock != nullptr) {
       request.deviceLock->Unlock();  // still registered: DevicesMapLock is held
       request.deviceLock = nullptr;
