@@ -9,6 +9,7 @@
 #include <scsi/sg.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "device/open_internal.h"
@@ -122,8 +123,10 @@ class RequestDescriptor {
 // a reply of full length is read.
 class ExchangeBuffers {
  public:
+  // The request's part holds at least a header and a whole command block.
   ExchangeBuffers(size_t requestLength, size_t replyLength)
-      : replyOffset_((requestLength + kAlignment - 1) & ~(kAlignment - 1)) {
+      : replyOffset_((std::max<size_t>(requestLength, kHeaderLength + kMaxCdbLength) + kAlignment - 1) &
+                     ~(kAlignment - 1)) {
     const size_t total = replyOffset_ + replyLength;
     if (total > kKeptBytes) {
       own_.reset(new unsigned char[total]);
@@ -187,7 +190,9 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
   ExchangeBuffers buffers(requestLength, replyLength);
   unsigned char* request = buffers.request();
   memset(request, 0, kHeaderLength);
-  memcpy(request + kHeaderLength, srb->CDBByte, cdbLength);
+  // All the block's command bytes, a fixed-size copy: those past cdbLength
+  // are not sent (data out follows the command and overwrites them).
+  memcpy(request + kHeaderLength, srb->CDBByte, kMaxCdbLength);
   if (dataOut != 0) memcpy(request + kHeaderLength + cdbLength, srb->SRB_BufPointer, dataOut);
   sg_header* requestHeader = reinterpret_cast<sg_header*>(request);
   sg_header* replyHeader = reinterpret_cast<sg_header*>(buffers.reply());

@@ -121,12 +121,8 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, SCSI_NodeKind kind
 }
 
 bool SameText(const CBasicString<char>& a, const CBasicString<char>& b) {
-  if (a.GetLength() != b.GetLength()) return false;
-  const char* x = a.GetString();
-  const char* y = b.GetString();
-  for (int at = 0; at < a.GetLength(); ++at)
-    if (x[at] != y[at]) return false;
-  return true;
+  return a.GetLength() == b.GetLength() &&
+         memcmp(a.GetString(), b.GetString(), static_cast<size_t>(a.GetLength())) == 0;
 }
 
 // The cache entry under path, or null. The cache holds an entry or two per
