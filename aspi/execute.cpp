@@ -102,7 +102,8 @@ class RequestDescriptor {
     return request_.deviceLock != nullptr;
   }
   void Release() {
-    SCSI_ReleaseRequestHolds(request_.deviceLock, request_.pin);
+    if (request_.deviceLock != nullptr || request_.pin != nullptr)  // else already given back
+      SCSI_ReleaseRequestHolds(request_.deviceLock, request_.pin);
     if (request_.fd != -1 && request_.pin == nullptr) kavo::os::Close(request_.fd);
     request_.deviceLock = nullptr;
     request_.pin = nullptr;
@@ -133,14 +134,9 @@ class ExchangeBuffers {
       block_ = own_.get();
       return;
     }
-    Kept& kept = ThreadKept();
-    if (kept.size < total) {
-      kept.block.reset();  // given back before the larger one is taken
-      kept.size = 0;
-      kept.block.reset(new unsigned char[total]);
-      kept.size = total;
-    }
-    block_ = kept.block.get();
+    Kept& kept = threadKept;
+    if (kept.size < total) Grow(kept, total);
+    block_ = kept.block;
   }
   ExchangeBuffers(const ExchangeBuffers&) = delete;
   ExchangeBuffers& operator=(const ExchangeBuffers&) = delete;
@@ -150,19 +146,34 @@ class ExchangeBuffers {
  private:
   static const size_t kKeptBytes = 256 * 1024;
   static const size_t kAlignment = 64;
+  // A plain block, so that reaching it costs one look-up of the thread's
+  // storage; the first growth registers its release at thread exit.
   struct Kept {
-    std::unique_ptr<unsigned char[]> block;
-    size_t size = 0;
+    unsigned char* block;
+    size_t size;
   };
-  static Kept& ThreadKept() {
-    thread_local Kept kept;
-    return kept;
+  static thread_local Kept threadKept;
+  struct KeptFreedAtThreadExit {
+    ~KeptFreedAtThreadExit() {
+      delete[] threadKept.block;
+      threadKept = {nullptr, 0};
+    }
+  };
+  static void Grow(Kept& kept, size_t total) {
+    thread_local KeptFreedAtThreadExit release;
+    (void)release;
+    delete[] kept.block;  // given back before the larger one is taken
+    kept = {nullptr, 0};
+    kept.block = new unsigned char[total];
+    kept.size = total;
   }
 
   size_t replyOffset_;
   std::unique_ptr<unsigned char[]> own_;
   unsigned char* block_;
 };
+
+thread_local ExchangeBuffers::Kept ExchangeBuffers::threadKept = {nullptr, 0};
 
 // A data phase with no buffer to move it through is refused before any
 // memory is touched.
