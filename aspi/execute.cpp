@@ -7,6 +7,7 @@
 #include <limits.h>
 #include <linux/cdrom.h>
 #include <scsi/sg.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
@@ -125,23 +126,27 @@ class RequestDescriptor {
 class ExchangeBuffers {
  public:
   // The request's part holds at least a header and a whole command block.
-  ExchangeBuffers(size_t requestLength, size_t replyLength)
-      : replyOffset_((std::max<size_t>(requestLength, kHeaderLength + kMaxCdbLength) + kAlignment - 1) &
-                     ~(kAlignment - 1)) {
-    const size_t total = replyOffset_ + replyLength;
+  // The reply follows it, placed so that its data starts on a boundary of
+  // kAlignment: the copy into the application's buffer then reads aligned.
+  ExchangeBuffers(size_t requestLength, size_t replyLength) {
+    const size_t requestPart = std::max<size_t>(requestLength, kHeaderLength + kMaxCdbLength);
+    const size_t total = requestPart + kAlignment + replyLength;
     if (total > kKeptBytes) {
       own_.reset(new unsigned char[total]);
       block_ = own_.get();
-      return;
+    } else {
+      Kept& kept = threadKept;
+      if (kept.size < total) Grow(kept, total);
+      block_ = kept.block;
     }
-    Kept& kept = threadKept;
-    if (kept.size < total) Grow(kept, total);
-    block_ = kept.block;
+    const uintptr_t dataAt =
+        (reinterpret_cast<uintptr_t>(block_) + requestPart + kHeaderLength + kAlignment - 1) & ~(kAlignment - 1);
+    reply_ = block_ + (dataAt - kHeaderLength - reinterpret_cast<uintptr_t>(block_));
   }
   ExchangeBuffers(const ExchangeBuffers&) = delete;
   ExchangeBuffers& operator=(const ExchangeBuffers&) = delete;
   unsigned char* request() const { return block_; }
-  unsigned char* reply() const { return block_ + replyOffset_; }
+  unsigned char* reply() const { return reply_; }
 
  private:
   static const size_t kKeptBytes = 256 * 1024;
@@ -168,9 +173,9 @@ class ExchangeBuffers {
     kept.size = total;
   }
 
-  size_t replyOffset_;
   std::unique_ptr<unsigned char[]> own_;
   unsigned char* block_;
+  unsigned char* reply_;
 };
 
 thread_local ExchangeBuffers::Kept ExchangeBuffers::threadKept = {nullptr, 0};
