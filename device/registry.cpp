@@ -244,9 +244,10 @@ void DeleteRetiredLocksNowFree() {
 // thread would unlock freed memory (or, looking it up again, a new record's
 // lock it never took). Such a lock is retired instead; the next record
 // under its key takes it over, and once it is free a later registry change
-// deletes it. A lock found free is deleted at once: a thread that has just
-// released it is past its last touch of the mutex, since the test here
-// waits for the guard its Unlock holds to the end.
+// deletes it. A lock found free is deleted at once: the test here waits for
+// the guard that a releasing thread's Unlock holds to its end, and a POSIX
+// mutex may be destroyed as soon as it is unlocked, even while the thread
+// that unlocked it is still returning from the call.
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey) {
   if (record == nullptr) return;
   ++RecordsFreed;
