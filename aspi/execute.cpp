@@ -7,8 +7,10 @@
 #include <limits.h>
 #include <linux/cdrom.h>
 #include <scsi/sg.h>
+#include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "device/open_internal.h"
@@ -70,8 +72,8 @@ void CorrectDirection(SRB_ExecSCSICmd* srb) {
 // exclusively, pinned until the request lets go of it, or one opened for
 // this request alone and closed by it; and the device's lock around the
 // exchange, exactly the mutex that was taken: the one the open took, or
-// else one polled for now. Lock and pin are given back together, in one
-// hold of the registry lock, before an owned descriptor is closed.
+// else one polled for now. Lock and pin are given back without the
+// registry lock, before an owned descriptor is closed.
 class RequestDescriptor {
  public:
   RequestDescriptor(const DeviceAddress& device, unsigned char cdbLength)
@@ -101,10 +103,11 @@ class RequestDescriptor {
     return request_.deviceLock != nullptr;
   }
   void Release() {
-    const int pinned = request_.pinned ? request_.fd : -1;
-    SCSI_ReleaseRequestHolds(request_.deviceLock, pinned);
-    if (request_.fd != -1 && !request_.pinned) kavo::os::Close(request_.fd);
+    if (request_.deviceLock != nullptr || request_.pin != nullptr)  // else already given back
+      SCSI_ReleaseRequestHolds(request_.deviceLock, request_.pin);
+    if (request_.fd != -1 && request_.pin == nullptr) kavo::os::Close(request_.fd);
     request_.deviceLock = nullptr;
+    request_.pin = nullptr;
     request_.fd = -1;
   }
 
@@ -122,44 +125,60 @@ class RequestDescriptor {
 // a reply of full length is read.
 class ExchangeBuffers {
  public:
-  ExchangeBuffers(size_t requestLength, size_t replyLength)
-      : replyOffset_((requestLength + kAlignment - 1) & ~(kAlignment - 1)) {
-    const size_t total = replyOffset_ + replyLength;
+  // The request's part holds at least a header and a whole command block.
+  // The reply follows it, placed so that its data starts on a boundary of
+  // kAlignment: the copy into the application's buffer then reads aligned.
+  ExchangeBuffers(size_t requestLength, size_t replyLength) {
+    const size_t requestPart = std::max<size_t>(requestLength, kHeaderLength + kMaxCdbLength);
+    const size_t total = requestPart + kAlignment + replyLength;
     if (total > kKeptBytes) {
       own_.reset(new unsigned char[total]);
       block_ = own_.get();
-      return;
+    } else {
+      Kept& kept = threadKept;
+      if (kept.size < total) Grow(kept, total);
+      block_ = kept.block;
     }
-    Kept& kept = ThreadKept();
-    if (kept.size < total) {
-      kept.block.reset();  // given back before the larger one is taken
-      kept.size = 0;
-      kept.block.reset(new unsigned char[total]);
-      kept.size = total;
-    }
-    block_ = kept.block.get();
+    const uintptr_t dataAt =
+        (reinterpret_cast<uintptr_t>(block_) + requestPart + kHeaderLength + kAlignment - 1) & ~(kAlignment - 1);
+    reply_ = block_ + (dataAt - kHeaderLength - reinterpret_cast<uintptr_t>(block_));
   }
   ExchangeBuffers(const ExchangeBuffers&) = delete;
   ExchangeBuffers& operator=(const ExchangeBuffers&) = delete;
   unsigned char* request() const { return block_; }
-  unsigned char* reply() const { return block_ + replyOffset_; }
+  unsigned char* reply() const { return reply_; }
 
  private:
   static const size_t kKeptBytes = 256 * 1024;
   static const size_t kAlignment = 64;
+  // A plain block, so that reaching it costs one look-up of the thread's
+  // storage; the first growth registers its release at thread exit.
   struct Kept {
-    std::unique_ptr<unsigned char[]> block;
-    size_t size = 0;
+    unsigned char* block;
+    size_t size;
   };
-  static Kept& ThreadKept() {
-    thread_local Kept kept;
-    return kept;
+  static thread_local Kept threadKept;
+  struct KeptFreedAtThreadExit {
+    ~KeptFreedAtThreadExit() {
+      delete[] threadKept.block;
+      threadKept = {nullptr, 0};
+    }
+  };
+  static void Grow(Kept& kept, size_t total) {
+    thread_local KeptFreedAtThreadExit release;
+    (void)release;
+    delete[] kept.block;  // given back before the larger one is taken
+    kept = {nullptr, 0};
+    kept.block = new unsigned char[total];
+    kept.size = total;
   }
 
-  size_t replyOffset_;
   std::unique_ptr<unsigned char[]> own_;
   unsigned char* block_;
+  unsigned char* reply_;
 };
+
+thread_local ExchangeBuffers::Kept ExchangeBuffers::threadKept = {nullptr, 0};
 
 // A data phase with no buffer to move it through is refused before any
 // memory is touched.
@@ -187,7 +206,9 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
   ExchangeBuffers buffers(requestLength, replyLength);
   unsigned char* request = buffers.request();
   memset(request, 0, kHeaderLength);
-  memcpy(request + kHeaderLength, srb->CDBByte, cdbLength);
+  // All the block's command bytes, a fixed-size copy: those past cdbLength
+  // are not sent (data out follows the command and overwrites them).
+  memcpy(request + kHeaderLength, srb->CDBByte, kMaxCdbLength);
   if (dataOut != 0) memcpy(request + kHeaderLength + cdbLength, srb->SRB_BufPointer, dataOut);
   sg_header* requestHeader = reinterpret_cast<sg_header*>(request);
   sg_header* replyHeader = reinterpret_cast<sg_header*>(buffers.reply());

@@ -112,9 +112,9 @@ int SetExclusiveMode(int nHost, int nTarget) {
 
 // The block node's entry is released at every unset while its count only
 // starts at 1: a drive held twice gives its block node back at the first
-// unset and keeps the exclusive descriptor until the last. Requests use
-// copies of the descriptor (dup), so the close here drops only the cache's
-// reference; a request in flight keeps its own.
+// unset and keeps the exclusive descriptor until the last. A request in
+// flight has the descriptor pinned, so the close here drops only the
+// cache's hold; the request's unpin closes it.
 int UnsetExclusiveMode(int nHost, int nTarget) {
   UnsetLocks locks;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, 0, nTarget, 0);

@@ -17,10 +17,14 @@ const unsigned int kBusyRetryMicroseconds = 100;
 const int kReservedBufferSize = 131072;  // the largest transfer reported to applications
 const int kGenericCommandTimeout = 10800000;
 
-// Decided by the two characters after the last '/' of the path.
-SCSI_NodeKind KindOfNode(const char* devicePath) {
-  const char* name = strrchr(devicePath, '/');
-  if (name == nullptr || name[1] == '\0') return kOtherNode;
+// Decided by the two characters after the last '/' of the path, which is
+// searched from the end: every request asks this.
+SCSI_NodeKind KindOfNode(const CBasicString<char>& devicePath) {
+  const char* path = devicePath.GetString();
+  int slash = devicePath.GetLength() - 1;
+  while (slash >= 0 && path[slash] != '/') --slash;
+  if (slash < 0 || path[slash + 1] == '\0') return kOtherNode;
+  const char* name = path + slash;
   if (name[1] == 's' && name[2] == 'g') return kGenericNode;
   if (name[1] == 'h' && name[2] == 'd') return kIdeNode;
   return kOtherNode;
@@ -98,9 +102,10 @@ class RegistryOpenHold {
   RegistryOpenHold& operator=(const RegistryOpenHold&) = delete;
 };
 
-// Opens a registered device; RescanLock and DevicesMapLock are held.
-int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, int* pBlockFileDesc) {
-  const SCSI_NodeKind kind = KindOfNode(device.DevicePath.GetString());
+// Opens a registered device whose node is of kind; RescanLock and
+// DevicesMapLock are held.
+int OpenRegisteredDevice(const SCSI_DeviceProperties& device, SCSI_NodeKind kind, int bExclusive,
+                         int* pBlockFileDesc) {
   int flags = OpenFlagsFor(kind);
   if (bExclusive == 1) {
     flags |= O_EXCL;
@@ -115,24 +120,28 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, int bExclusive, in
   return fd;
 }
 
+bool SameText(const CBasicString<char>& a, const CBasicString<char>& b) {
+  return a.GetLength() == b.GetLength() &&
+         memcmp(a.GetString(), b.GetString(), static_cast<size_t>(a.GetLength())) == 0;
+}
+
 // The cache entry under path, or null. The cache holds an entry or two per
 // held drive, so a scan for the equal string beats the ordered search.
 const SCSI_RefCountedFileDesc* HeldUnder(const CBasicString<char>& path) {
   for (const auto& entry : OpenedDevicesMap)
-    if (strcmp(entry.first.GetString(), path.GetString()) == 0) return entry.second;
+    if (SameText(entry.first, path)) return entry.second;
   return nullptr;
 }
 
 // The cached descriptor of a drive held exclusively, pinned for the
-// request, or false when the drive is not held. DevicesMapLock is held,
+// request, or null when the drive is not held. DevicesMapLock is held,
 // which is enough to read OpenedDevicesMap (it changes only under both map
 // locks) and to pin; with no drive held at all nothing is searched.
-bool PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
+SCSI_DescriptorPin* PinHeldDescriptor(const SCSI_DeviceProperties& device, int* fd) {
   const SCSI_RefCountedFileDesc* held = HeldUnder(device.DevicePath);
-  if (held == nullptr || held->nFileDesc < 0) return false;
+  if (held == nullptr || held->nFileDesc < 0) return nullptr;
   *fd = held->nFileDesc;
-  SCSI_PinCachedDescriptor(*fd);
-  return true;
+  return SCSI_PinCachedDescriptor(*fd);
 }
 
 // The device's lock, when it is free now, taken while the record is at
@@ -180,7 +189,7 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, nChannel, nTarget, nLun);
   if (device == nullptr) return -1;
-  return OpenRegisteredDevice(*device, bExclusive, pBlockFileDesc);
+  return OpenRegisteredDevice(*device, KindOfNode(device->DevicePath), bExclusive, pBlockFileDesc);
 }
 
 // The cached descriptor's number is only good while DevicesMapLock is
@@ -195,22 +204,22 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
 SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, int lun, bool ideCommandFits) {
   RequestLookupLocks locks;
   for (;;) {
-    SCSI_RequestDescriptor request = {-1, false, kOtherNode, false, nullptr, false};
+    SCSI_RequestDescriptor request = {-1, nullptr, kOtherNode, false, nullptr, false};
     const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
     if (device == nullptr) return request;
     request.registered = true;
-    request.kind = KindOfNode(device->DevicePath.GetString());
+    request.kind = KindOfNode(device->DevicePath);
     request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
     if (request.kind == kIdeNode && !ideCommandFits) return request;
-    request.pinned = PinHeldDescriptor(*device, &request.fd);
-    if (request.pinned) {
+    request.pin = PinHeldDescriptor(*device, &request.fd);
+    if (request.pin != nullptr) {
       request.deviceLock = TryDeviceLock(*device);
       return request;
     }
     if (!locks.HoldRescanLockWithoutWaiting()) continue;
     // Tried before the open: the record is not read again after it.
     request.deviceLock = TryDeviceLock(*device);
-    request.fd = OpenRegisteredDevice(*device, 0, nullptr);
+    request.fd = OpenRegisteredDevice(*device, request.kind, 0, nullptr);
     if (request.fd == -1 && request.deviceLock != nullptr) {
       request.deviceLock->Unlock();  // still registered: DevicesMapLock is held
       request.deviceLock = nullptr;

@@ -2,7 +2,8 @@
 
 #include <stdio.h>
 
-#include <algorithm>
+#include <atomic>
+#include <memory>
 #include <vector>
 
 #include "device/registry_internal.h"
@@ -34,21 +35,25 @@ struct RegisteredDevice : SCSI_DeviceProperties {
   bool onRealScsiHost;
 };
 
-// Cached descriptors in use by requests; guarded by DevicesMapLock, which a
-// request holds anyway when it pins and unpins, and which every close of a
-// cached descriptor holds too. Few at a time, so a list; its capacity is
-// kept, so pinning does not allocate once the list has grown.
-struct PinnedDescriptor {
-  int fd;
-  int users;
-  bool closeWhenFree;  // the cache let go of it while it was in use
-};
-std::vector<PinnedDescriptor> PinnedDescriptors;
+// Cached descriptors in use by requests. The list is guarded by
+// DevicesMapLock, which a request holds anyway when it pins and every close
+// of a cached descriptor holds too; an entry's state is atomic, so that a
+// request unpins without taking that lock again. An entry lives until
+// unload: once its descriptor is closed it waits, spare, for the next pin
+// of any descriptor, so the list is as long as the most descriptors ever
+// pinned at once, and pinning does not allocate once it has grown.
+const int kPinUser = 2;    // the state counts users in steps of two ...
+const int kLetGo = 1;      // ... beside this bit: the cache let go of fd
+const int kClosed = kLetGo;  // no user left either: fd is closed, the entry spare
+}  // namespace
 
-std::vector<PinnedDescriptor>::iterator PinOf(int fd) {
-  return std::find_if(PinnedDescriptors.begin(), PinnedDescriptors.end(),
-                      [fd](const PinnedDescriptor& pin) { return pin.fd == fd; });
-}
+struct SCSI_DescriptorPin {
+  int fd;                  // written under DevicesMapLock while no one uses the entry
+  std::atomic<int> state;  // users * kPinUser, plus kLetGo
+};
+
+namespace {
+std::vector<std::unique_ptr<SCSI_DescriptorPin>> DescriptorPins;
 
 // Device locks whose records were purged while a request held them, with
 // the purged record's key (empty: none); guarded by DevicesMapLock. See
@@ -58,11 +63,6 @@ struct RetiredDeviceLock {
   CPosixMutex* lock;
 };
 std::vector<RetiredDeviceLock> RetiredDeviceLocks;
-
-std::vector<RetiredDeviceLock>::iterator RetiredLockOf(const CPosixMutex* lock) {
-  return std::find_if(RetiredDeviceLocks.begin(), RetiredDeviceLocks.end(),
-                      [lock](const RetiredDeviceLock& retired) { return retired.lock == lock; });
-}
 
 // The adapter's record, or null. A plain find: looking up a number never
 // seen must not add an empty slot to the map.
@@ -157,14 +157,10 @@ struct LastDeviceKey {
   bool filled = false;
 };
 
-}  // namespace
-
-// Every request looks its device up, so the key is written by hand into a
-// string each thread keeps: once grown, it is refilled in place, without a
-// printf pass or an allocation, and only when the address differs from the
-// thread's last one (requests mostly follow each other to one device).
-// Freed at thread exit.
-SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
+// The key is written by hand into a string each thread keeps: once grown,
+// it is refilled in place, without a printf pass or an allocation, and only
+// when the address differs from the thread's last one. Freed at thread exit.
+SCSI_DeviceProperties* FindByKey(int host, int channel, int target, int lun) {
   thread_local LastDeviceKey last;
   if (!last.filled || last.host != host || last.channel != channel || last.target != target || last.lun != lun) {
     char text[64];
@@ -180,6 +176,38 @@ SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int targe
   return SCSI_FindInStringMap(DevicesMap, last.key);
 }
 
+// Counts the records ever freed; DevicesMapLock guards it. A record found
+// while it had a value is still the one in the map under its key as long as
+// it has that value: the library takes a record out of the map only to free
+// it (a purge, a replacement), and a key that gets a record where it had
+// none never had one found.
+unsigned long long RecordsFreed = 0;
+
+// The record a thread found last, with its address and the count of freed
+// records at that time; a plain block, so reaching it costs one look-up of
+// the thread's storage and nothing at thread exit.
+struct LastFound {
+  int host, channel, target, lun;
+  SCSI_DeviceProperties* record;  // null: nothing remembered
+  unsigned long long recordsFreed;
+};
+thread_local LastFound lastFound;
+
+}  // namespace
+
+// Requests mostly follow each other to one device, so a thread's last find
+// answers again while no record has been freed since; else the map is
+// searched.
+SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
+  LastFound& last = lastFound;
+  if (last.record != nullptr && last.recordsFreed == RecordsFreed && last.host == host && last.channel == channel &&
+      last.target == target && last.lun == lun)
+    return last.record;
+  SCSI_DeviceProperties* record = FindByKey(host, channel, target, lun);
+  last = {host, channel, target, lun, record, RecordsFreed};
+  return record;
+}
+
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost) {
   RegisteredDevice* record = new RegisteredDevice;
   record->DevicePath = devicePath;
@@ -192,13 +220,38 @@ bool SCSI_IsOnRealScsiHost(const SCSI_DeviceProperties* record) {
   return static_cast<const RegisteredDevice*>(record)->onRealScsiHost;
 }
 
+namespace {
+
+// Deletes the retired locks that no thread holds any more. DevicesMapLock is
+// held, and every Lock(0) on a device lock happens under it, so a lock found
+// free here stays free: no one can take it meanwhile.
+void DeleteRetiredLocksNowFree() {
+  for (auto retired = RetiredDeviceLocks.begin(); retired != RetiredDeviceLocks.end();) {
+    if (!IsFree(retired->lock)) {
+      ++retired;
+      continue;
+    }
+    delete retired->lock;
+    retired = RetiredDeviceLocks.erase(retired);
+  }
+}
+
+}  // namespace
+
 // A request keeps the lock it took, not the record: it unlocks that very
-// mutex after its exchange. So the record may go at once, but a lock that
-// another thread holds must outlive it, or that thread would unlock freed
-// memory (or, looking it up again, a new record's lock it never took). Such
-// a lock is retired instead, and the request that releases it deletes it.
+// mutex after its exchange, without the registry lock. So the record may go
+// at once, but a lock that another thread holds must outlive it, or that
+// thread would unlock freed memory (or, looking it up again, a new record's
+// lock it never took). Such a lock is retired instead; the next record
+// under its key takes it over, and once it is free a later registry change
+// deletes it. A lock found free is deleted at once: the test here waits for
+// the guard that a releasing thread's Unlock holds to its end, and a POSIX
+// mutex may be destroyed as soon as it is unlocked, even while the thread
+// that unlocked it is still returning from the call.
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey) {
   if (record == nullptr) return;
+  ++RecordsFreed;
+  DeleteRetiredLocksNowFree();
   if (record->DeviceLock != nullptr && !IsFree(record->DeviceLock))
     RetiredDeviceLocks.push_back({deviceKey, record->DeviceLock});
   else
@@ -220,55 +273,56 @@ CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun) {
   }
 }
 
-namespace {
+// No registry lock: the lock is the very mutex the caller took, which a
+// purge retires rather than deletes while it is held.
+void SCSI_UnlockDeviceLock(CPosixMutex* lock) { lock->Unlock(); }
 
-// Releases a device lock the caller took; the last release of a retired
-// lock deletes it. DevicesMapLock is held.
-void ReleaseDeviceLock(CPosixMutex* lock) {
-  lock->Unlock();
-  std::vector<RetiredDeviceLock>::iterator retired = RetiredLockOf(lock);
-  if (retired == RetiredDeviceLocks.end() || !IsFree(lock)) return;
-  RetiredDeviceLocks.erase(retired);
-  delete lock;
+// A pin takes an entry of fd that the cache still holds (never one whose
+// fd is closed: its number may be fd again, for another file), or else a
+// spare entry, or a new one. DevicesMapLock is held, and the cache holds
+// fd, so no close can be under way for it.
+SCSI_DescriptorPin* SCSI_PinCachedDescriptor(int fd) {
+  SCSI_DescriptorPin* spare = nullptr;
+  for (const std::unique_ptr<SCSI_DescriptorPin>& pin : DescriptorPins) {
+    const int state = pin->state.load(std::memory_order_acquire);
+    if (state == kClosed) {
+      spare = pin.get();
+    } else if (pin->fd == fd && (state & kLetGo) == 0) {
+      pin->state.fetch_add(kPinUser, std::memory_order_acq_rel);
+      return pin.get();
+    }
+  }
+  if (spare == nullptr) {
+    DescriptorPins.emplace_back(new SCSI_DescriptorPin);
+    spare = DescriptorPins.back().get();
+  }
+  spare->fd = fd;
+  spare->state.store(kPinUser, std::memory_order_release);
+  return spare;
 }
 
-// DevicesMapLock is held.
-void UnpinCachedDescriptor(int fd) {
-  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
-  if (pin == PinnedDescriptors.end() || --pin->users > 0) return;
-  if (pin->closeWhenFree) kavo::os::Close(fd);
-  PinnedDescriptors.erase(pin);
+// Without a lock: the entry stays where it is, and of its last user and
+// the cache's close, the later one closes fd (the state says which).
+// Nothing of the entry is touched after the decrement: from then on it may
+// be spare, and taken again.
+void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin) {
+  const int fd = pin->fd;
+  if (pin->state.fetch_sub(kPinUser, std::memory_order_acq_rel) == kPinUser + kLetGo) kavo::os::Close(fd);
 }
 
-}  // namespace
-
-void SCSI_UnlockDeviceLock(CPosixMutex* lock) {
-  DevicesMapHold hold;
-  ReleaseDeviceLock(lock);
-}
-
-void SCSI_PinCachedDescriptor(int fd) {
-  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
-  if (pin == PinnedDescriptors.end())
-    PinnedDescriptors.push_back({fd, 1, false});
-  else
-    ++pin->users;
-}
-
-void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, int pinnedFd) {
-  if (deviceLock == nullptr && pinnedFd < 0) return;
-  DevicesMapHold hold;
-  if (deviceLock != nullptr) ReleaseDeviceLock(deviceLock);
-  if (pinnedFd >= 0) UnpinCachedDescriptor(pinnedFd);
+void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, SCSI_DescriptorPin* pin) {
+  if (deviceLock != nullptr) SCSI_UnlockDeviceLock(deviceLock);
+  if (pin != nullptr) SCSI_UnpinCachedDescriptor(pin);
 }
 
 void SCSI_CloseCachedDescriptor(int fd) {
   if (fd < 0) return;
-  std::vector<PinnedDescriptor>::iterator pin = PinOf(fd);
-  if (pin == PinnedDescriptors.end())
-    kavo::os::Close(fd);
-  else
-    pin->closeWhenFree = true;
+  for (const std::unique_ptr<SCSI_DescriptorPin>& pin : DescriptorPins) {
+    if (pin->fd != fd || (pin->state.load(std::memory_order_acquire) & kLetGo) != 0) continue;
+    if (pin->state.fetch_or(kLetGo, std::memory_order_acq_rel) >= kPinUser) return;  // its last user closes it
+    break;
+  }
+  kavo::os::Close(fd);
 }
 
 CBasicString<char> SCSI_CopyAdapterName(int n) {
@@ -288,6 +342,7 @@ void SCSI_RegisterDevice(const CBasicString<char>& deviceKey, SCSI_DevicePropert
   SCSI_DeviceProperties*& slot = DevicesMap[deviceKey];
   if (slot != record) SCSI_DeleteDeviceProperties(slot, deviceKey);
   slot = record;
+  DeleteRetiredLocksNowFree();
   for (auto retired = RetiredDeviceLocks.begin(); retired != RetiredDeviceLocks.end(); ++retired) {
     if (UnicodeStringCmp<char>(retired->deviceKey.GetString(), deviceKey.GetString(), -1) != 0) continue;
     delete record->DeviceLock;  // new and never taken

@@ -54,9 +54,10 @@ SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int targe
 // The record also keeps whether its adapter is a real SCSI host (see
 // SCSI_IsOnRealScsiHost); SCSI_DeleteDeviceProperties alone may free it.
 // The caller of the disposal holds DevicesMapLock; a DeviceLock that another
-// thread holds is retired, not deleted, until that thread unlocks it. Given
-// the record's key, a retired lock goes to the next record registered under
-// that key (see SCSI_RegisterDevice).
+// thread holds is retired, not deleted, until that thread has unlocked it
+// and a later disposal or registration finds it free. Given the record's
+// key, a retired lock goes to the next record registered under that key
+// (see SCSI_RegisterDevice).
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost);
 void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicString<char>& deviceKey = "");
 
@@ -73,7 +74,8 @@ bool SCSI_IsOnRealScsiHost(const SCSI_DeviceProperties* record);
 // Takes the device's DeviceLock by polling (as SCSI_LockDevice) and returns
 // that very mutex, or null when the device is not registered. The holder
 // gives it back with SCSI_UnlockDeviceLock, never by looking the device up
-// again: a rebuild in between may have replaced the record.
+// again: a rebuild in between may have replaced the record. The release
+// takes no registry lock (see SCSI_DeleteDeviceProperties).
 CPosixMutex* SCSI_LockDeviceLock(int host, int channel, int target, int lun);
 void SCSI_UnlockDeviceLock(CPosixMutex* lock);
 
@@ -94,12 +96,15 @@ bool SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
 // rather than a copy of it, and pins it for that time: the number must not
 // be closed (and handed out again by the kernel) while the request writes
 // and reads on it. Pin and close run with DevicesMapLock held (a close also
-// with OpenedDevicesMapLock, as every change of OpenedDevicesMap); a close
-// of a pinned descriptor is deferred to its last user's unpin.
-void SCSI_PinCachedDescriptor(int fd);
+// with OpenedDevicesMapLock, as every change of OpenedDevicesMap); the unpin
+// needs no lock. A close of a pinned descriptor is deferred to its last
+// user's unpin.
+struct SCSI_DescriptorPin;
+SCSI_DescriptorPin* SCSI_PinCachedDescriptor(int fd);
+void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin);
 void SCSI_CloseCachedDescriptor(int fd);
 
-// The end of a request, in one hold of DevicesMapLock: releases the device
-// lock it took (as SCSI_UnlockDeviceLock) unless null, and unpins the held
-// drive's descriptor it used unless pinnedFd is -1.
-void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, int pinnedFd);
+// The end of a request, without the registry lock: releases the device lock
+// it took (as SCSI_UnlockDeviceLock) unless null, and unpins the held
+// drive's descriptor it used unless pin is null.
+void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, SCSI_DescriptorPin* pin);
