@@ -36,22 +36,14 @@ struct Request {
 const fixture::FixtureWorld* g_world;
 void CountPost(SRB_ExecSCSICmd* srb) {
   Request* request = reinterpret_cast<Request*>(srb);
-  ++request->posts;
-  request->statusAtPost = srb->SRB_Status;
-  request->openAtPost = g_world->OpenDescriptorCount();
+  ++request->posts, request->statusAtPost = srb->SRB_Status, request->openAtPost = g_world->OpenDescriptorCount();
 }
 // Ends the worker that runs it, the way an application can stop one.
-void PostAndStop(SRB_ExecSCSICmd* srb) {
-  CountPost(srb);
-  CThread::EndThread(0);
-}
+void PostAndStop(SRB_ExecSCSICmd* srb) { CountPost(srb), CThread::EndThread(0); }
 
 // A posting block for the drive at adapter (target 4 on adapter 3, else 0).
 void Address(SRB_ExecSCSICmd& srb, unsigned char adapter, const Cdb& cdb, unsigned char flags) {
-  srb.SRB_Cmd = SC_EXEC_SCSI_CMD;
-  srb.SRB_HaId = adapter;
-  srb.SRB_Target = adapter == kScsi ? 4 : 0;
-  srb.SRB_Lun = 0;
+  srb.SRB_Cmd = SC_EXEC_SCSI_CMD, srb.SRB_HaId = adapter, srb.SRB_Target = adapter == kScsi ? 4 : 0, srb.SRB_Lun = 0;
   srb.SRB_Flags = flags | SRB_POSTING;
   srb.SRB_PostProc = reinterpret_cast<void*>(&CountPost);
   srb.SRB_CDBLen = static_cast<unsigned char>(cdb.size());
@@ -71,9 +63,7 @@ class ExecuteTest : public ::testing::Test {
   SRB_ExecSCSICmd& Make(unsigned char adapter, const Cdb& cdb, unsigned char flags, unsigned char senseLen = 0) {
     memset(&block_, kX, sizeof block_);
     Address(block_.srb, adapter, cdb, flags);
-    block_.srb.SRB_SenseLen = senseLen;
-    block_.srb.SRB_BufLen = 8;
-    block_.srb.SRB_BufPointer = data_;
+    block_.srb.SRB_SenseLen = senseLen, block_.srb.SRB_BufLen = 8, block_.srb.SRB_BufPointer = data_;
     return block_.srb;
   }
   // Runs the block: posted once, with its final status, after its descriptor is closed.
