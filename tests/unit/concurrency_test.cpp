@@ -51,7 +51,7 @@ TEST(Concurrency, InquiryKeepsTheHostKindItsDeviceWasFoundOn) {
   srb.SRB_HaId = 3, srb.SRB_Target = 4, srb.SRB_Flags = SRB_DIR_IN, srb.SRB_BufLen = 36, srb.SRB_BufPointer = data;
   srb.SRB_CDBLen = 6, srb.CDBByte[0] = 0x12, srb.CDBByte[4] = 36;
   ASPI_ExecuteSRB(&srb);
-  EXPECT_EQ(0x05, data[2]);
+  EXPECT_EQ(0x15, data[2]);
 }
 
 // Read while the SCSI pass opens sg1, after sg0 (adapter 1 behind one IDE adapter) is in.

@@ -72,14 +72,14 @@ TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
   }
 }
 
-// Each held node with its count, and the descriptors open.
+// Each held node with its count, the descriptors open, and what /dev/sg0 saw since.
 std::string Holds(const fixture::FixtureWorld& world) {
   CPosixSingleLock hold(&OpenedDevicesMapLock, 1);
   std::string text;
   for (const auto& entry : OpenedDevicesMap)
     text += std::string(entry.first.GetString()) + "x" + std::to_string(entry.second->nRefCount) +
             (entry.second->bHalLocked ? " locked " : " ");
-  return text + std::to_string(world.OpenDescriptorCount());
+  return text + std::to_string(world.OpenDescriptorCount()) + " " + world.Node("/dev/sg0")->TakeLog();
 }
 
 // The holds of its rows, none running a second unmount; then HAL's calls from many threads
@@ -109,7 +109,7 @@ TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   EXPECT_EQ(0, shellCommands);
   world.Node("/dev/sg0")->onOpen = [] { return EBUSY; };
   EXPECT_EQ(-1, ASPI_setExclusiveMode(1, 0));
-  EXPECT_EQ("0", Holds(world)) << "a failed open stores nothing";
+  EXPECT_EQ("0 ", Holds(world)) << "a failed open stores nothing";
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([] { for (int i = 0; i < 5; ++i) libhal_support_lock_device("/udi"); });

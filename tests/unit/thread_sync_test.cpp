@@ -64,6 +64,7 @@ TEST(Sync, TimedWaitsEndAtTheirDeadline) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(fixture::Number(row[4]))) << what;
   }
   done = true;
+  EXPECT_TRUE(mutex.Lock(3000) == 1 && mutex.Unlock() == 1) << "the holder's release wakes a timed wait";
   holder.join();
 }
 
