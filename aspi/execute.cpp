@@ -151,13 +151,14 @@ class ExchangeBuffers {
  private:
   static const size_t kKeptBytes = 256 * 1024;
   static const size_t kAlignment = 64;
-  // A plain block, so that reaching it costs one look-up of the thread's
-  // storage; the first growth registers its release at thread exit.
+  // A plain block, reached at a fixed offset from the thread pointer (see
+  // lastFound in device/registry.cpp); the first growth registers its
+  // release at thread exit.
   struct Kept {
     unsigned char* block;
     size_t size;
   };
-  static thread_local Kept threadKept;
+  static __attribute__((tls_model("initial-exec"))) thread_local Kept threadKept;
   struct KeptFreedAtThreadExit {
     ~KeptFreedAtThreadExit() {
       delete[] threadKept.block;
@@ -178,7 +179,7 @@ class ExchangeBuffers {
   unsigned char* reply_;
 };
 
-thread_local ExchangeBuffers::Kept ExchangeBuffers::threadKept = {nullptr, 0};
+__attribute__((tls_model("initial-exec"))) thread_local ExchangeBuffers::Kept ExchangeBuffers::threadKept = {nullptr, 0};
 
 // A data phase with no buffer to move it through is refused before any
 // memory is touched.

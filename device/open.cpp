@@ -17,19 +17,6 @@ const unsigned int kBusyRetryMicroseconds = 100;
 const int kReservedBufferSize = 131072;  // the largest transfer reported to applications
 const int kGenericCommandTimeout = 10800000;
 
-// Decided by the two characters after the last '/' of the path, which is
-// searched from the end: every request asks this.
-SCSI_NodeKind KindOfNode(const CBasicString<char>& devicePath) {
-  const char* path = devicePath.GetString();
-  int slash = devicePath.GetLength() - 1;
-  while (slash >= 0 && path[slash] != '/') --slash;
-  if (slash < 0 || path[slash + 1] == '\0') return kOtherNode;
-  const char* name = path + slash;
-  if (name[1] == 's' && name[2] == 'g') return kGenericNode;
-  if (name[1] == 'h' && name[2] == 'd') return kIdeNode;
-  return kOtherNode;
-}
-
 int OpenFlagsFor(SCSI_NodeKind kind) {
   switch (kind) {
     case kGenericNode:
@@ -189,7 +176,7 @@ int SCSI_OpenDevice(int nHost, int nChannel, int nTarget, int nLun, int bExclusi
   RegistryOpenHold hold;
   const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(nHost, nChannel, nTarget, nLun);
   if (device == nullptr) return -1;
-  return OpenRegisteredDevice(*device, KindOfNode(device->DevicePath), bExclusive, pBlockFileDesc);
+  return OpenRegisteredDevice(*device, SCSI_KindOfNode(device->DevicePath), bExclusive, pBlockFileDesc);
 }
 
 // The cached descriptor's number is only good while DevicesMapLock is
@@ -208,7 +195,7 @@ SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, in
     const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
     if (device == nullptr) return request;
     request.registered = true;
-    request.kind = KindOfNode(device->DevicePath);
+    request.kind = SCSI_RegisteredNodeKind(device);
     request.onRealScsiHost = SCSI_IsOnRealScsiHost(device);
     if (request.kind == kIdeNode && !ideCommandFits) return request;
     request.pin = PinHeldDescriptor(*device, &request.fd);

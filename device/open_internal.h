@@ -1,10 +1,10 @@
 // The descriptor of one request, in one registry lookup.
 #pragma once
 
+#include "device/registry_internal.h"
+
 class CPosixMutex;
 struct SCSI_DescriptorPin;
-
-enum SCSI_NodeKind { kOtherNode, kGenericNode, kIdeNode };
 
 struct SCSI_RequestDescriptor {
   int fd;                   // -1 when none could be had

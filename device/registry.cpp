@@ -33,6 +33,7 @@ namespace {
 // kind of its adapter at the build that found it.
 struct RegisteredDevice : SCSI_DeviceProperties {
   bool onRealScsiHost;
+  SCSI_NodeKind nodeKind;
 };
 
 // Cached descriptors in use by requests. The list is guarded by
@@ -184,14 +185,18 @@ SCSI_DeviceProperties* FindByKey(int host, int channel, int target, int lun) {
 unsigned long long RecordsFreed = 0;
 
 // The record a thread found last, with its address and the count of freed
-// records at that time; a plain block, so reaching it costs one look-up of
-// the thread's storage and nothing at thread exit.
+// records at that time; a plain block, so it costs nothing at thread exit.
+// Initial-exec: read at a fixed offset from the thread pointer instead of
+// through __tls_get_addr on every request. The loader keeps spare static
+// TLS for libraries loaded later that do this; the library's share of it is
+// this block and the exchange buffer's (aspi/execute.cpp), a few dozen
+// bytes.
 struct LastFound {
   int host, channel, target, lun;
   SCSI_DeviceProperties* record;  // null: nothing remembered
   unsigned long long recordsFreed;
 };
-thread_local LastFound lastFound;
+__attribute__((tls_model("initial-exec"))) thread_local LastFound lastFound;
 
 }  // namespace
 
@@ -213,11 +218,27 @@ SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onR
   record->DevicePath = devicePath;
   record->DeviceLock = new CPosixMutex(0);
   record->onRealScsiHost = onRealScsiHost;
+  record->nodeKind = SCSI_KindOfNode(record->DevicePath);
   return record;
 }
 
 bool SCSI_IsOnRealScsiHost(const SCSI_DeviceProperties* record) {
   return static_cast<const RegisteredDevice*>(record)->onRealScsiHost;
+}
+
+SCSI_NodeKind SCSI_RegisteredNodeKind(const SCSI_DeviceProperties* record) {
+  return static_cast<const RegisteredDevice*>(record)->nodeKind;
+}
+
+SCSI_NodeKind SCSI_KindOfNode(const CBasicString<char>& devicePath) {
+  const char* path = devicePath.GetString();
+  int slash = devicePath.GetLength() - 1;
+  while (slash >= 0 && path[slash] != '/') --slash;
+  if (slash < 0 || path[slash + 1] == '\0') return kOtherNode;
+  const char* name = path + slash;
+  if (name[1] == 's' && name[2] == 'g') return kGenericNode;
+  if (name[1] == 'h' && name[2] == 'd') return kIdeNode;
+  return kOtherNode;
 }
 
 namespace {

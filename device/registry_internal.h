@@ -6,6 +6,12 @@
 
 #include "device/registry.h"
 
+enum SCSI_NodeKind { kOtherNode, kGenericNode, kIdeNode };
+
+// The kind of a device node, from the two characters after the last '/'
+// of its path: /dev/sgN generic, /dev/hdX IDE, anything else other.
+SCSI_NodeKind SCSI_KindOfNode(const CBasicString<char>& devicePath);
+
 // Numbering state, written only while a registry build runs and read
 // without a lock (a reader during a build may see a partial count).
 extern std::atomic<int> IdeAdapterCount;
@@ -70,6 +76,11 @@ void SCSI_DeleteDeviceProperties(SCSI_DeviceProperties* record, const CBasicStri
 // layout stays as it is; the flag lives in the library's own extension of
 // it.
 bool SCSI_IsOnRealScsiHost(const SCSI_DeviceProperties* record);
+
+// The kind of the node a record made by SCSI_NewDeviceProperties was
+// registered with, decided once when it was made, so that a request does not
+// parse the path again.
+SCSI_NodeKind SCSI_RegisteredNodeKind(const SCSI_DeviceProperties* record);
 
 // Takes the device's DeviceLock by polling (as SCSI_LockDevice) and returns
 // that very mutex, or null when the device is not registered. The holder
