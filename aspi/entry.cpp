@@ -64,15 +64,20 @@ unsigned int AnswerGetDeviceType(SRB_GDEVBlock* srb) {
   return inquiry.SRB_Status;
 }
 
-}  // namespace
-
-void winaspi32_checkinit() {
-  if (RegistryReady.load(std::memory_order_acquire)) return;
+// The first call's work, kept out of line so that every later call's check
+// is a load and a branch inside its caller.
+__attribute__((noinline)) void InitialiseOnce() {
   CPosixSingleLock hold(&InitLock, 1);
   if (AspiInitDone != 0) return;
   AspiInitDone = 1;
   SCSI_Init();
   RegistryReady.store(true, std::memory_order_release);
+}
+
+}  // namespace
+
+void winaspi32_checkinit() {
+  if (!RegistryReady.load(std::memory_order_acquire)) InitialiseOnce();
 }
 
 // Nothing throws across the C entry points: an allocation that fails while
