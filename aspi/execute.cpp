@@ -194,6 +194,27 @@ bool DataLengthOverflows(const SRB_ExecSCSICmd* srb) {
   return srb->SRB_BufLen > static_cast<unsigned int>(INT_MAX) - kHeaderLength - kMaxCdbLength;
 }
 
+// At most the header's 16 sense bytes, in pieces of fixed size: every
+// request copies its sense, and a call into memcpy for a dozen bytes costs
+// more than the copy.
+static_assert(SG_MAX_SENSE == 16, "the header carries 16 sense bytes");
+template <unsigned int kPiece>
+void CopyPieceIfLeft(unsigned char*& to, const unsigned char*& from, unsigned int& length) {
+  if (length < kPiece) return;
+  memcpy(to, from, kPiece);
+  to += kPiece;
+  from += kPiece;
+  length -= kPiece;
+}
+
+void CopyHeaderSense(unsigned char* to, const unsigned char* from, unsigned int length) {
+  CopyPieceIfLeft<8>(to, from, length);
+  CopyPieceIfLeft<8>(to, from, length);
+  CopyPieceIfLeft<4>(to, from, length);
+  CopyPieceIfLeft<2>(to, from, length);
+  CopyPieceIfLeft<1>(to, from, length);
+}
+
 // Builds the request and reply, exchanges them under the device's lock and
 // copies data and sense out.
 unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& device, RequestDescriptor& descriptor) {
@@ -219,7 +240,7 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
   unsigned int bytesRead = 0;
   const bool lengthArmed = SCSI_ArmCommandLength(descriptor.fd(), srb->CDBByte[0], static_cast<int>(cdbLength));
   const int exchanged =
-      SCSI_LinuxDeviceIo(descriptor.fd(), requestHeader, requestLength, replyHeader, replyLength, &bytesRead);
+      SCSI_ExchangeOnce(descriptor.fd(), requestHeader, requestLength, replyHeader, replyLength, &bytesRead);
   // A held drive's open file outlives this request: a length its rejected
   // write left armed would cut the next request's command.
   if (exchanged == 0 && lengthArmed) SCSI_DisarmCommandLength(descriptor.fd());
@@ -239,8 +260,8 @@ unsigned char RunGenericExchange(SRB_ExecSCSICmd* srb, const DeviceAddress& devi
       srb->SRB_BufPointer[2] &= static_cast<unsigned char>(~kAnsiVersionMask);
   }
   if (srb->SRB_SenseLen != 0)
-    memcpy(srb->SenseArea, replyHeader->sense_buffer,
-           srb->SRB_SenseLen < kMaxHeaderSense ? srb->SRB_SenseLen : kMaxHeaderSense);
+    CopyHeaderSense(srb->SenseArea, replyHeader->sense_buffer,
+                    srb->SRB_SenseLen < kMaxHeaderSense ? srb->SRB_SenseLen : kMaxHeaderSense);
   srb->SRB_HaStat = HASTAT_OK;
   srb->SRB_TargStat = buffers.reply()[16] & kTargetStatusMask;
   return SS_PENDING;  // the exchange itself went through; the target decides

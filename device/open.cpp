@@ -107,9 +107,16 @@ int OpenRegisteredDevice(const SCSI_DeviceProperties& device, SCSI_NodeKind kind
   return fd;
 }
 
+// A byte loop rather than memcmp: device paths are a dozen bytes, and the
+// call would cost more than the compare.
 bool SameText(const CBasicString<char>& a, const CBasicString<char>& b) {
-  return a.GetLength() == b.GetLength() &&
-         memcmp(a.GetString(), b.GetString(), static_cast<size_t>(a.GetLength())) == 0;
+  const int length = a.GetLength();
+  if (length != b.GetLength()) return false;
+  const char* x = a.GetString();
+  const char* y = b.GetString();
+  for (int i = length - 1; i >= 0; --i)  // from the end, where device paths differ
+    if (x[i] != y[i]) return false;
+  return true;
 }
 
 // The cache entry under path, or null. The cache holds an entry or two per
@@ -192,7 +199,7 @@ SCSI_RequestDescriptor SCSI_OpenForRequest(int host, int channel, int target, in
   RequestLookupLocks locks;
   for (;;) {
     SCSI_RequestDescriptor request = {-1, nullptr, kOtherNode, false, nullptr, false};
-    const SCSI_DeviceProperties* device = SCSI_GetDeviceProperties(host, channel, target, lun);
+    const SCSI_DeviceProperties* device = SCSI_LookUpDevice(host, channel, target, lun);
     if (device == nullptr) return request;
     request.registered = true;
     request.kind = SCSI_RegisteredNodeKind(device);

@@ -43,17 +43,10 @@ struct RegisteredDevice : SCSI_DeviceProperties {
 // unload: once its descriptor is closed it waits, spare, for the next pin
 // of any descriptor, so the list is as long as the most descriptors ever
 // pinned at once, and pinning does not allocate once it has grown.
-const int kPinUser = 2;    // the state counts users in steps of two ...
-const int kLetGo = 1;      // ... beside this bit: the cache let go of fd
+const int kPinUser = SCSI_DescriptorPin::kPinUser;
+const int kLetGo = SCSI_DescriptorPin::kLetGo;
 const int kClosed = kLetGo;  // no user left either: fd is closed, the entry spare
-}  // namespace
 
-struct SCSI_DescriptorPin {
-  int fd;                  // written under DevicesMapLock while no one uses the entry
-  std::atomic<int> state;  // users * kPinUser, plus kLetGo
-};
-
-namespace {
 std::vector<std::unique_ptr<SCSI_DescriptorPin>> DescriptorPins;
 
 // Device locks whose records were purged while a request held them, with
@@ -177,40 +170,19 @@ SCSI_DeviceProperties* FindByKey(int host, int channel, int target, int lun) {
   return SCSI_FindInStringMap(DevicesMap, last.key);
 }
 
-// Counts the records ever freed; DevicesMapLock guards it. A record found
-// while it had a value is still the one in the map under its key as long as
-// it has that value: the library takes a record out of the map only to free
-// it (a purge, a replacement), and a key that gets a record where it had
-// none never had one found.
-unsigned long long RecordsFreed = 0;
-
-// The record a thread found last, with its address and the count of freed
-// records at that time; a plain block, so it costs nothing at thread exit.
-// Initial-exec: read at a fixed offset from the thread pointer instead of
-// through __tls_get_addr on every request. The loader keeps spare static
-// TLS for libraries loaded later that do this; the library's share of it is
-// this block and the exchange buffer's (aspi/execute.cpp), a few dozen
-// bytes.
-struct LastFound {
-  int host, channel, target, lun;
-  SCSI_DeviceProperties* record;  // null: nothing remembered
-  unsigned long long recordsFreed;
-};
-__attribute__((tls_model("initial-exec"))) thread_local LastFound lastFound;
-
 }  // namespace
 
-// Requests mostly follow each other to one device, so a thread's last find
-// answers again while no record has been freed since; else the map is
-// searched.
-SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
-  LastFound& last = lastFound;
-  if (last.record != nullptr && last.recordsFreed == RecordsFreed && last.host == host && last.channel == channel &&
-      last.target == target && last.lun == lun)
-    return last.record;
+unsigned long long RecordsFreed = 0;
+__attribute__((tls_model("initial-exec"))) thread_local SCSI_LastFound LastFoundRecord;
+
+SCSI_DeviceProperties* SCSI_FindAndRememberDevice(int host, int channel, int target, int lun) {
   SCSI_DeviceProperties* record = FindByKey(host, channel, target, lun);
-  last = {host, channel, target, lun, record, RecordsFreed};
+  LastFoundRecord = {host, channel, target, lun, record, RecordsFreed};
   return record;
+}
+
+SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun) {
+  return SCSI_LookUpDevice(host, channel, target, lun);
 }
 
 SCSI_DeviceProperties* SCSI_NewDeviceProperties(char const* devicePath, bool onRealScsiHost) {
@@ -326,15 +298,6 @@ SCSI_DescriptorPin* SCSI_PinCachedDescriptor(int fd) {
 // the cache's close, the later one closes fd (the state says which).
 // Nothing of the entry is touched after the decrement: from then on it may
 // be spare, and taken again.
-void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin) {
-  const int fd = pin->fd;
-  if (pin->state.fetch_sub(kPinUser, std::memory_order_acq_rel) == kPinUser + kLetGo) kavo::os::Close(fd);
-}
-
-void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, SCSI_DescriptorPin* pin) {
-  if (deviceLock != nullptr) SCSI_UnlockDeviceLock(deviceLock);
-  if (pin != nullptr) SCSI_UnpinCachedDescriptor(pin);
-}
 
 void SCSI_CloseCachedDescriptor(int fd) {
   if (fd < 0) return;

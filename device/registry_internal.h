@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "device/registry.h"
+#include "runtime/os.h"
 
 enum SCSI_NodeKind { kOtherNode, kGenericNode, kIdeNode };
 
@@ -55,6 +56,41 @@ typename Map::mapped_type SCSI_FindInStringMap(const Map& map, const CBasicStrin
 // The record of a device, or null. Never inserts. The caller holds
 // DevicesMapLock for as long as it uses the result.
 SCSI_DeviceProperties* SCSI_GetDeviceProperties(int host, int channel, int target, int lun);
+
+// Counts the records ever freed; DevicesMapLock guards it. A record found
+// while it had a value is still the one in the map under its key as long as
+// it has that value: the library takes a record out of the map only to free
+// it (a purge, a replacement), and a key that gets a record where it had
+// none never had one found.
+extern unsigned long long RecordsFreed;
+
+// The record a thread found last, with its address and the count of freed
+// records at that time; a plain block, so it costs nothing at thread exit.
+// Initial-exec: read at a fixed offset from the thread pointer instead of
+// through __tls_get_addr on every request. The loader keeps spare static
+// TLS for libraries loaded later that do this; the library's share of it is
+// this block and the exchange buffer's (aspi/execute.cpp), a few dozen
+// bytes.
+struct SCSI_LastFound {
+  int host, channel, target, lun;
+  SCSI_DeviceProperties* record;  // null: nothing remembered
+  unsigned long long recordsFreed;
+};
+extern __attribute__((tls_model("initial-exec"))) thread_local SCSI_LastFound LastFoundRecord;
+
+// The map search behind SCSI_GetDeviceProperties, remembering its answer.
+SCSI_DeviceProperties* SCSI_FindAndRememberDevice(int host, int channel, int target, int lun);
+
+// SCSI_GetDeviceProperties inline, for the request path. Requests mostly
+// follow each other to one device, so a thread's last find answers again
+// while no record has been freed since; else the map is searched.
+inline SCSI_DeviceProperties* SCSI_LookUpDevice(int host, int channel, int target, int lun) {
+  const SCSI_LastFound& last = LastFoundRecord;
+  if (last.record != nullptr && last.recordsFreed == RecordsFreed && last.host == host && last.channel == channel &&
+      last.target == target && last.lun == lun)
+    return last.record;
+  return SCSI_FindAndRememberDevice(host, channel, target, lun);
+}
 
 // A new device record with its own unowned DeviceLock, and its disposal.
 // The record also keeps whether its adapter is a real SCSI host (see
@@ -110,12 +146,31 @@ bool SCSI_RegisterAdapter(int adapter, char const* name, int isEmulated);
 // with OpenedDevicesMapLock, as every change of OpenedDevicesMap); the unpin
 // needs no lock. A close of a pinned descriptor is deferred to its last
 // user's unpin.
-struct SCSI_DescriptorPin;
+//
+// A pin's state counts its users in steps of kPinUser beside the bit
+// kLetGo, set once the cache has let go of fd; kLetGo alone means fd is
+// closed and the entry spare. An entry lives until unload.
+struct SCSI_DescriptorPin {
+  static const int kPinUser = 2;
+  static const int kLetGo = 1;
+  int fd;                  // written under DevicesMapLock while no one uses the entry
+  std::atomic<int> state;  // users * kPinUser, plus kLetGo
+};
 SCSI_DescriptorPin* SCSI_PinCachedDescriptor(int fd);
-void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin);
 void SCSI_CloseCachedDescriptor(int fd);
+
+inline void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin) {
+  const int fd = pin->fd;
+  if (pin->state.fetch_sub(SCSI_DescriptorPin::kPinUser, std::memory_order_acq_rel) ==
+      SCSI_DescriptorPin::kPinUser + SCSI_DescriptorPin::kLetGo)
+    kavo::os::Close(fd);
+}
 
 // The end of a request, without the registry lock: releases the device lock
 // it took (as SCSI_UnlockDeviceLock) unless null, and unpins the held
-// drive's descriptor it used unless pin is null.
-void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, SCSI_DescriptorPin* pin);
+// drive's descriptor it used unless pin is null. Inline, as the look-up
+// below: every request comes here.
+inline void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, SCSI_DescriptorPin* pin) {
+  if (deviceLock != nullptr) deviceLock->Unlock();
+  if (pin != nullptr) SCSI_UnpinCachedDescriptor(pin);
+}

@@ -17,29 +17,11 @@ const unsigned char kGroupCommandLength[8] = {6, 10, 10, 12, 12, 12, 10, 10};
 
 int DefaultCommandLength(int opcode) { return kGroupCommandLength[(opcode >> 5) & 7]; }
 
-// A signal that interrupts the call before it moved anything is not an
-// answer: the request was not taken, or the reply is still queued on the
-// descriptor, where the next request would read it as its own.
-template <typename Transfer>
-ssize_t RetryWhileInterrupted(Transfer transfer) {
-  ssize_t moved;
-  do moved = transfer();
-  while (moved < 0 && errno == EINTR);
-  return moved;
-}
-
 }  // namespace
 
 int SCSI_LinuxDeviceIo(int fd, sg_header* request, unsigned int requestLength, sg_header* reply,
                        unsigned int replyLength, unsigned int* bytesRead) {
-  ssize_t written = RetryWhileInterrupted([&] { return kavo::os::Write(fd, request, requestLength); });
-  if (written < 0 || static_cast<size_t>(written) != requestLength) {
-    *bytesRead = 0;
-    return 0;
-  }
-  ssize_t received = RetryWhileInterrupted([&] { return kavo::os::Read(fd, reply, replyLength); });
-  *bytesRead = static_cast<unsigned int>(received);
-  return received >= 0 && static_cast<size_t>(received) == replyLength ? 1 : 0;
+  return SCSI_ExchangeOnce(fd, request, requestLength, reply, replyLength, bytesRead);
 }
 
 int SCSI_LinuxSetTimeout(int fd, int timeout) { return kavo::os::Ioctl(fd, SG_SET_TIMEOUT, &timeout); }
