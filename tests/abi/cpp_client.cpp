@@ -1,5 +1,7 @@
 // A C++ application built only against the installed headers, using the exported classes
-// as ASPI programs do: its own event for SRB_EVENT_NOTIFY, the string class, a bounded function.
+// as ASPI programs do: its own event for SRB_EVENT_NOTIFY, the string class, a bounded function,
+// and its own text for adapters without a name, stored into the library's exported pointer
+// (built without PIE, the pointer is the application's copy, which the library must read).
 #include <stdio.h>
 #include <string.h>
 
@@ -14,10 +16,13 @@ int main() {
   CBasicString<char> deviceKey;
   deviceKey.Format("h%02dc%02dt%02dd%02d", 3, 0, 1, 0);
   char small[4];
+  static char unnamed[] = "none here";
+  pszUnknownHA = unnamed;
   const bool ok = SendASPI32Command(&request) == SS_PENDING && done.WaitForEvent(0) == 1 &&
                   request.SRB_Status == SS_NO_DEVICE && strcmp(deviceKey.GetString(), "h03c00t01d00") == 0 &&
                   strcpy_s(small, sizeof small, "abcd") == 34 && small[0] == 0 &&  // ERANGE, emptied
-                  ASPI_OpenDevice(&request) == nullptr && CThread::GetThread() == nullptr;
+                  ASPI_OpenDevice(&request) == nullptr && CThread::GetThread() == nullptr &&
+                  SCSI_GetAdapterName(200) == unnamed;
   printf("c++ client: status %#x, key %s, small \"%s\": %s\n", request.SRB_Status, deviceKey.GetString(), small,
          ok ? "ok" : "FAILED");
   return ok ? 0 : 1;
