@@ -152,8 +152,8 @@ class ExchangeBuffers {
   static const size_t kKeptBytes = 256 * 1024;
   static const size_t kAlignment = 64;
   // A plain block, reached at a fixed offset from the thread pointer (see
-  // lastFound in device/registry.cpp); the first growth registers its
-  // release at thread exit.
+  // LastFoundRecord in device/registry_internal.h); the first growth
+  // registers its release at thread exit.
   struct Kept {
     unsigned char* block;
     size_t size;

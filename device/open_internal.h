@@ -3,9 +3,6 @@
 
 #include "device/registry_internal.h"
 
-class CPosixMutex;
-struct SCSI_DescriptorPin;
-
 struct SCSI_RequestDescriptor {
   int fd;                   // -1 when none could be had
   SCSI_DescriptorPin* pin;  // fd is a held drive's cached one: unpin, do not close; else null

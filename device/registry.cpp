@@ -294,11 +294,6 @@ SCSI_DescriptorPin* SCSI_PinCachedDescriptor(int fd) {
   return spare;
 }
 
-// Without a lock: the entry stays where it is, and of its last user and
-// the cache's close, the later one closes fd (the state says which).
-// Nothing of the entry is touched after the decrement: from then on it may
-// be spare, and taken again.
-
 void SCSI_CloseCachedDescriptor(int fd) {
   if (fd < 0) return;
   for (const std::unique_ptr<SCSI_DescriptorPin>& pin : DescriptorPins) {

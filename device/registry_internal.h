@@ -159,6 +159,10 @@ struct SCSI_DescriptorPin {
 SCSI_DescriptorPin* SCSI_PinCachedDescriptor(int fd);
 void SCSI_CloseCachedDescriptor(int fd);
 
+// Without a lock: the entry stays where it is, and of its last user and
+// the cache's close, the later one closes fd (the state says which).
+// Nothing of the entry is touched after the decrement: from then on it may
+// be spare, and taken again.
 inline void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin) {
   const int fd = pin->fd;
   if (pin->state.fetch_sub(SCSI_DescriptorPin::kPinUser, std::memory_order_acq_rel) ==
@@ -168,8 +172,8 @@ inline void SCSI_UnpinCachedDescriptor(SCSI_DescriptorPin* pin) {
 
 // The end of a request, without the registry lock: releases the device lock
 // it took (as SCSI_UnlockDeviceLock) unless null, and unpins the held
-// drive's descriptor it used unless pin is null. Inline, as the look-up
-// below: every request comes here.
+// drive's descriptor it used unless pin is null. Inline, as
+// SCSI_LookUpDevice: every request comes here.
 inline void SCSI_ReleaseRequestHolds(CPosixMutex* deviceLock, SCSI_DescriptorPin* pin) {
   if (deviceLock != nullptr) deviceLock->Unlock();
   if (pin != nullptr) SCSI_UnpinCachedDescriptor(pin);
