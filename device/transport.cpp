@@ -1,6 +1,5 @@
 #include "device/transport.h"
 
-#include <errno.h>
 #include <stdio.h>
 
 #include <string>
