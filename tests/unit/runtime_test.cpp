@@ -48,7 +48,9 @@ TEST(CodePages, ConvertBothWaysWithFallbacks) {
     units.push_back(0);
     char text[16] = "";
     EXPECT_EQ(fixture::Number(row[4]), WideCharToMultiByte(codePage, 0, units.data(), -1, text, 16, nullptr, nullptr));
-    if (row[4] != "0") EXPECT_EQ(std::string(bytes.begin(), bytes.end()), text);
+    if (row[4] != "0") {
+      EXPECT_EQ(std::string(bytes.begin(), bytes.end()), text);
+    }
   }
 }
 
