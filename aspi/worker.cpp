@@ -8,7 +8,10 @@
 #include "runtime/os.h"
 #include "runtime/thread.h"
 
-std::vector<ASPI_DEVICE_INFO*> AspiDeviceList;
+// Records live as long as the process, and so does the list that reaches
+// them: it is never destroyed, so a worker or an open still running while
+// the process exits never meets a freed list, and the records stay reachable.
+std::vector<ASPI_DEVICE_INFO*>& AspiDeviceList = *new std::vector<ASPI_DEVICE_INFO*>;
 CPosixMutex AspiDeviceListLock(0);
 
 namespace {

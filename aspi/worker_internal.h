@@ -7,5 +7,5 @@
 #include "aspi/worker.h"
 #include "runtime/sync.h"
 
-extern std::vector<ASPI_DEVICE_INFO*> AspiDeviceList;
+extern std::vector<ASPI_DEVICE_INFO*>& AspiDeviceList;
 extern CPosixMutex AspiDeviceListLock;

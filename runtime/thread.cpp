@@ -173,4 +173,13 @@ CThread* CThreadingBeginThread(unsigned int (*pfnStart)(void*), void* pArg, int,
   return thread;
 }
 
+#if defined(__i386__)
 unsigned int GetCurrentThreadId() { return static_cast<unsigned int>(pthread_self()); }
+#else
+unsigned int GetCurrentThreadId() {
+  static unsigned int lastId = 0;
+  static __attribute__((tls_model("initial-exec"))) thread_local unsigned int id = 0;
+  if (id == 0) id = __atomic_add_fetch(&lastId, 1, __ATOMIC_RELAXED);
+  return id;
+}
+#endif

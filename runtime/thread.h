@@ -66,7 +66,10 @@ class KAVO_API CPosixThread : public CThread {
 // thread has registered itself (GetThread works there).
 KAVO_API CThread* CThreadingBeginThread(unsigned int (*pfnStart)(void*), void* pArg, int, unsigned int, int nFlags);
 
-// pthread_self() of the calling thread.
+// The calling thread's id, a 32-bit number as the interface has it. On
+// 32-bit x86 it is pthread_self(). A 64-bit pthread_self() does not fit, and
+// its low half may repeat between threads, so there each thread takes a
+// serial number (1, 2, ...) at its first call, its own for the process's life.
 KAVO_API unsigned int GetCurrentThreadId();
 
 // The key under which each started thread keeps its CThread*; null until

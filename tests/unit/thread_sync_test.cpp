@@ -38,6 +38,20 @@ TEST(Sync, StepsOfEachObject) {
   EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1}), steps);
 }
 
+// A thread's id is its own: the same at each call, another thread's differs; on
+// 32-bit x86 it is pthread_self().
+TEST(Thread, CurrentIdIsTheThreadsOwn) {
+  const unsigned int mine = GetCurrentThreadId();
+  unsigned int other[2] = {0, 0};
+  std::thread([&] { other[0] = GetCurrentThreadId(), other[1] = GetCurrentThreadId(); }).join();
+  EXPECT_EQ(mine, GetCurrentThreadId());
+  EXPECT_EQ(other[0], other[1]);
+  EXPECT_NE(mine, other[0]);
+#if defined(__i386__)
+  EXPECT_EQ(static_cast<unsigned int>(pthread_self()), mine);
+#endif
+}
+
 using std::chrono::milliseconds;
 
 // Each timed wait of its rows ends with 0 at its deadline on the seam's clock, not sooner,
