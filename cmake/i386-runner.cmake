@@ -4,7 +4,10 @@
 # binaries are the same either way.
 file(WRITE ${CMAKE_BINARY_DIR}/i386-probe.c "int main(void) { return 0; }\n")
 try_run(KAVO_I386_RUNS KAVO_I386_BUILDS ${CMAKE_BINARY_DIR}/i386-probe ${CMAKE_BINARY_DIR}/i386-probe.c)
-if(NOT KAVO_I386_RUNS EQUAL 0)
+# KAVO_QEMU_I386_ALWAYS takes that path on a kernel that could run them, so
+# that one machine can try both.
+option(KAVO_QEMU_I386_ALWAYS "Run the i386 programs under qemu-i386 even where the kernel runs them" OFF)
+if(NOT KAVO_I386_RUNS EQUAL 0 OR KAVO_QEMU_I386_ALWAYS)
   find_program(KAVO_QEMU_I386 qemu-i386 REQUIRED)
   set(CMAKE_CROSSCOMPILING_EMULATOR ${KAVO_QEMU_I386})
   message(STATUS "32-bit programs run under ${KAVO_QEMU_I386}")
