@@ -305,14 +305,14 @@ static void print_json_member(FILE* out, const char* name, const char* text, int
   aspitool_json_string(out, text, emptyIsNull);
 }
 
-/* The fields that scan and inquiry share: address, nodes, identity. */
+/* The fields that scan and inquiry share: address, nodes, identity; the
+ * first on the caller's line, the others on lines of their own. */
 static void print_device_json(FILE* out, const Address* address, const unsigned char* data, const char* indent) {
   Identity identity;
   AspitoolNodes nodes;
   take_identity(&identity, data);
   aspitool_device_nodes(address, &nodes);
-  fprintf(out, "%s\"address\": \"%u:%u:%u\", \"adapter\": %u, \"target\": %u, \"lun\": %u,\n%s", indent,
-          address->adapter, address->target, address->lun, address->adapter, address->target, address->lun, indent);
+  fprintf(out, "\"address\": \"%u:%u:%u\", \"adapter\": %u, \"target\": %u, \"lun\": %u,\n%s", address->adapter, address->target, address->lun, address->adapter, address->target, address->lun, indent);
   print_json_member(out, "generic_node", nodes.generic, 1);
   fputs(", ", out);
   print_json_member(out, "block_node", nodes.block, 1);
@@ -413,7 +413,7 @@ static int run_inquiry(char** arguments, int count, FILE* out, FILE* err) {
   SRB_ExecSCSICmd srb;
   if (inquire_device(&address, data, &srb) != SS_COMP) return aspitool_report_failure(err, "INQUIRY", &address, &srb);
   if (jsonOutput) {
-    fputs("{\n", out);
+    fputs("{\n  ", out);
     print_device_json(out, &address, data, "  ");
     fprintf(out, ",\n  \"peripheral_type\": %u, \"type\": \"%s\", \"qualifier\": %u,\n"
             "  \"removable\": %s, \"ansi_version\": %u\n}\n", data[0] & 0x1Fu, peripheral_type_words(data[0] & 0x1F),
