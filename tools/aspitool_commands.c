@@ -312,7 +312,8 @@ static void print_device_json(FILE* out, const Address* address, const unsigned 
   AspitoolNodes nodes;
   take_identity(&identity, data);
   aspitool_device_nodes(address, &nodes);
-  fprintf(out, "\"address\": \"%u:%u:%u\", \"adapter\": %u, \"target\": %u, \"lun\": %u,\n%s", address->adapter, address->target, address->lun, address->adapter, address->target, address->lun, indent);
+  fprintf(out, "\"address\": \"%u:%u:%u\", \"adapter\": %u, \"target\": %u, \"lun\": %u,\n%s", address->adapter,
+          address->target, address->lun, address->adapter, address->target, address->lun, indent);
   print_json_member(out, "generic_node", nodes.generic, 1);
   fputs(", ", out);
   print_json_member(out, "block_node", nodes.block, 1);
@@ -350,11 +351,12 @@ static int scan_adapter(int adapter, int targets, FILE* out) {
       const unsigned char status = inquire_device(&address, data, &srb);
       if (status == SS_NO_DEVICE) continue; /* gone meanwhile */
       if (status == SS_COMP && (data[0] >> 5) == 3) continue; /* qualifier 3: no unit at this LUN */
-      if (status != SS_COMP) memset(data, 0, sizeof data);
-      print_scanned_device(out, &address, typeStatus == SS_COMP ? type : 0x1F, data, found == 0); /* 0x1F: unknown */
       if (status != SS_COMP && !jsonOutput) {
         fprintf(out, "  %u:%u:%u  INQUIRY failed: ", address.adapter, address.target, address.lun);
         aspitool_describe_failure(out, &srb);
+      } else {
+        if (status != SS_COMP) memset(data, 0, sizeof data); /* JSON: the device, its identity empty */
+        print_scanned_device(out, &address, typeStatus == SS_COMP ? type : 0x1F, data, found == 0); /* 0x1F: unknown */
       }
       ++found;
     }
