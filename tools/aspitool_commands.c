@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,6 +18,9 @@
 #define UNIT_ATTENTION_RETRIES 3
 
 typedef AspitoolAddress Address;
+
+/* --json was given: results as one JSON document on out. */
+static int jsonOutput;
 
 typedef struct {
   const char* name;
@@ -159,17 +163,39 @@ static int parse_address(const char* text, Address* address) {
 
 static int adapter_count(void) { return (int)(GetASPI32SupportInfo() & 0xFF); }
 
+static unsigned char get_device_type(const Address* address, unsigned char* type);
+
+/* A node such as /dev/sr0 or /dev/sg0: the address of its drive. */
+static int take_node(const char* path, Address* address, FILE* err) {
+  struct stat node;
+  if (stat(path, &node) != 0) {
+    fprintf(err, "aspitool: cannot find \"%s\": %s\n", path, strerror(errno));
+    return ASPITOOL_FAILED;
+  }
+  adapter_count(); /* the registry is built at the first ASPI call */
+  if (aspitool_find_node(&node, address)) return ASPITOOL_OK;
+  fprintf(err, "aspitool: %s is not a node of a drive the library reaches\n", path);
+  aspitool_explain_unseen(err, aspitool_registry_devices());
+  return ASPITOOL_FAILED;
+}
+
 int aspitool_take_address(const char* text, Address* address, FILE* err) {
+  if (text[0] == '/') return take_node(text, address, err);
   if (!parse_address(text, address)) {
-    fprintf(err, "aspitool: bad device address \"%s\": expected ADAPTER:TARGET:LUN, each 0 to 255\n", text);
+    fprintf(err, "aspitool: bad device address \"%s\": expected ADAPTER:TARGET:LUN, each 0 to 255, "
+                 "or a drive's node /dev/srN or /dev/sgN\n", text);
     return ASPITOOL_USAGE;
   }
   const int count = adapter_count();
-  if (address->adapter >= count) {
+  unsigned char type;
+  if (address->adapter >= count)
     fprintf(err, "aspitool: no host adapter %u: the library found %d\n", address->adapter, count);
-    return ASPITOOL_FAILED;
-  }
-  return ASPITOOL_OK;
+  else if (get_device_type(address, &type) == SS_NO_DEVICE)
+    fprintf(err, "aspitool: no device at %u:%u:%u\n", address->adapter, address->target, address->lun);
+  else
+    return ASPITOOL_OK;
+  aspitool_explain_unseen(err, aspitool_registry_devices());
+  return ASPITOOL_FAILED;
 }
 
 /* ---- Requests ---- */
@@ -252,13 +278,62 @@ static unsigned long be32(const unsigned char* bytes) {
   return ((unsigned long)bytes[0] << 24) | ((unsigned long)bytes[1] << 16) | ((unsigned long)bytes[2] << 8) | bytes[3];
 }
 
-static void print_device_line(FILE* out, const Address* address, unsigned char type, const unsigned char* data) {
+typedef struct {
   char vendor[9], product[17], revision[5];
-  copy_text(vendor, data + 8, 8);
-  copy_text(product, data + 16, 16);
-  copy_text(revision, data + 32, 4);
-  fprintf(out, "  %u:%u:%u  %-14s  %-8s  %-16s  %s\n", address->adapter, address->target, address->lun,
-          peripheral_type_words(type), vendor, product, revision);
+} Identity;
+
+static void take_identity(Identity* identity, const unsigned char* data) {
+  copy_text(identity->vendor, data + 8, 8);
+  copy_text(identity->product, data + 16, 16);
+  copy_text(identity->revision, data + 32, 4);
+}
+
+static void print_device_line(FILE* out, const Address* address, unsigned char type, const unsigned char* data) {
+  Identity identity;
+  AspitoolNodes nodes;
+  char nodeText[2 * ASPITOOL_NODE_LENGTH + 2];
+  take_identity(&identity, data);
+  aspitool_device_nodes(address, &nodes);
+  snprintf(nodeText, sizeof nodeText, "%s %s", nodes.generic[0] ? nodes.generic : "-",
+           nodes.block[0] ? nodes.block : "-");
+  fprintf(out, "  %u:%u:%u  %-17s  %-14s  %-8s  %-16s  %s\n", address->adapter, address->target, address->lun,
+          nodeText, peripheral_type_words(type), identity.vendor, identity.product, identity.revision);
+}
+
+static void print_json_member(FILE* out, const char* name, const char* text, int emptyIsNull) {
+  fprintf(out, "\"%s\": ", name);
+  aspitool_json_string(out, text, emptyIsNull);
+}
+
+/* The fields that scan and inquiry share: address, nodes, identity; the
+ * first on the caller's line, the others on lines of their own. */
+static void print_device_json(FILE* out, const Address* address, const unsigned char* data, const char* indent) {
+  Identity identity;
+  AspitoolNodes nodes;
+  take_identity(&identity, data);
+  aspitool_device_nodes(address, &nodes);
+  fprintf(out, "\"address\": \"%u:%u:%u\", \"adapter\": %u, \"target\": %u, \"lun\": %u,\n%s", address->adapter,
+          address->target, address->lun, address->adapter, address->target, address->lun, indent);
+  print_json_member(out, "generic_node", nodes.generic, 1);
+  fputs(", ", out);
+  print_json_member(out, "block_node", nodes.block, 1);
+  fprintf(out, ",\n%s", indent);
+  print_json_member(out, "vendor", identity.vendor, 0);
+  fputs(", ", out);
+  print_json_member(out, "product", identity.product, 0);
+  fputs(", ", out);
+  print_json_member(out, "revision", identity.revision, 0);
+}
+
+static void print_scanned_device(FILE* out, const Address* address, unsigned char type, const unsigned char* data,
+                                 int first) {
+  if (!jsonOutput) {
+    print_device_line(out, address, type, data);
+    return;
+  }
+  fprintf(out, "%s\n      {", first ? "" : ",");
+  print_device_json(out, address, data, "       ");
+  fprintf(out, ",\n       \"peripheral_type\": %u, \"type\": \"%s\"}", type, peripheral_type_words(type));
 }
 
 /* ---- Commands ---- */
@@ -276,37 +351,59 @@ static int scan_adapter(int adapter, int targets, FILE* out) {
       const unsigned char status = inquire_device(&address, data, &srb);
       if (status == SS_NO_DEVICE) continue; /* gone meanwhile */
       if (status == SS_COMP && (data[0] >> 5) == 3) continue; /* qualifier 3: no unit at this LUN */
-      ++found;
-      if (status == SS_COMP) {
-        print_device_line(out, &address, typeStatus == SS_COMP ? type : 0x1F, data); /* 0x1F: unknown type */
-      } else {
+      if (status != SS_COMP && !jsonOutput) {
         fprintf(out, "  %u:%u:%u  INQUIRY failed: ", address.adapter, address.target, address.lun);
         aspitool_describe_failure(out, &srb);
+      } else {
+        if (status != SS_COMP) memset(data, 0, sizeof data); /* JSON: the device, its identity empty */
+        print_scanned_device(out, &address, typeStatus == SS_COMP ? type : 0x1F, data, found == 0); /* 0x1F: unknown */
       }
+      ++found;
     }
   }
   return found;
 }
 
-static int run_scan(char** arguments, int count, FILE* out, FILE* err) {
-  (void)arguments, (void)count, (void)err;
-  const int adapters = adapter_count();
-  if (adapters == 0) {
-    fprintf(out, "No host adapters found: the library reaches no CD/DVD drive on this machine.\n");
-    return ASPITOOL_OK;
+static void print_adapter(FILE* out, int adapter, const char* name, int first) {
+  if (!jsonOutput) {
+    fprintf(out, "adapter %d: %s (%s)\n", adapter, name, aspitool_adapter_kind(adapter));
+    return;
   }
-  fprintf(out, "%d host adapter%s\n", adapters, adapters == 1 ? "" : "s");
+  fprintf(out, "%s\n    {\"number\": %d, ", first ? "" : ",", adapter);
+  print_json_member(out, "name", name, 0);
+  fprintf(out, ", \"kind\": \"%s\", \"devices\": [", aspitool_adapter_kind(adapter));
+}
+
+/* Every device at every adapter; how many answered. */
+static int scan_adapters(FILE* out, int adapters) {
+  int found = 0;
   for (int adapter = 0; adapter < adapters; ++adapter) {
     SRB_HAInquiry inquiry;
     char name[17];
     inquire_adapter(adapter, &inquiry);
     memcpy(name, inquiry.HA_Identifier, 16);
     name[16] = 0;
-    fprintf(out, "adapter %d: %s (%s)\n", adapter, name, aspitool_adapter_kind(adapter));
+    print_adapter(out, adapter, name, adapter == 0);
     const int targets = inquiry.HA_Unique[3] != 0 ? inquiry.HA_Unique[3] : 8;
-    if (scan_adapter(adapter, targets, out) == 0) fprintf(out, "  no devices\n");
+    const int atAdapter = scan_adapter(adapter, targets, out);
+    if (jsonOutput) fputs(atAdapter ? "\n    ]}" : "]}", out);
+    else if (atAdapter == 0) fprintf(out, "  no devices\n");
+    found += atAdapter;
   }
-  return ASPITOOL_OK;
+  return found;
+}
+
+static int run_scan(char** arguments, int count, FILE* out, FILE* err) {
+  (void)arguments, (void)count;
+  const int adapters = adapter_count();
+  if (jsonOutput) fputs("{\n  \"adapters\": [", out);
+  else if (adapters == 0) fprintf(out, "No host adapters found: the library reaches no CD/DVD drive on this machine.\n");
+  else fprintf(out, "%d host adapter%s\n", adapters, adapters == 1 ? "" : "s");
+  const int found = scan_adapters(out, adapters);
+  if (jsonOutput) fprintf(out, "%s],\n  \"devices_found\": %d\n}\n", adapters ? "\n  " : "", found);
+  fflush(out);
+  aspitool_explain_unseen(err, found);
+  return found > 0 ? ASPITOOL_OK : ASPITOOL_FAILED;
 }
 
 static int run_inquiry(char** arguments, int count, FILE* out, FILE* err) {
@@ -317,6 +414,14 @@ static int run_inquiry(char** arguments, int count, FILE* out, FILE* err) {
   unsigned char data[INQUIRY_LENGTH];
   SRB_ExecSCSICmd srb;
   if (inquire_device(&address, data, &srb) != SS_COMP) return aspitool_report_failure(err, "INQUIRY", &address, &srb);
+  if (jsonOutput) {
+    fputs("{\n  ", out);
+    print_device_json(out, &address, data, "  ");
+    fprintf(out, ",\n  \"peripheral_type\": %u, \"type\": \"%s\", \"qualifier\": %u,\n"
+            "  \"removable\": %s, \"ansi_version\": %u\n}\n", data[0] & 0x1Fu, peripheral_type_words(data[0] & 0x1F),
+            data[0] >> 5, data[1] & 0x80 ? "true" : "false", data[2] & 0x07u);
+    return ASPITOOL_OK;
+  }
   char vendor[9], product[17], revision[5];
   copy_text(vendor, data + 8, 8);
   copy_text(product, data + 16, 16);
@@ -348,6 +453,26 @@ int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size) {
   return 1;
 }
 
+/* The same table as one JSON object. */
+static void print_toc_json(FILE* out, const Address* address, const unsigned char* toc, unsigned int size) {
+  unsigned int length = ((unsigned)toc[0] << 8 | toc[1]) + 2u;
+  if (length > size) length = size;
+  fprintf(out, "{\n  \"address\": \"%u:%u:%u\", \"first_track\": %u, \"last_track\": %u,\n  \"tracks\": [",
+          address->adapter, address->target, address->lun, toc[2], toc[3]);
+  unsigned long leadOut = 0;
+  int tracks = 0;
+  for (unsigned int offset = 4; offset + 8 <= length; offset += 8) {
+    const unsigned char* descriptor = toc + offset;
+    if (descriptor[2] == 0xAA) {
+      leadOut = be32(descriptor + 4);
+      continue;
+    }
+    fprintf(out, "%s\n    {\"number\": %u, \"kind\": \"%s\", \"lba\": %lu}", tracks++ ? "," : "", descriptor[2],
+            descriptor[1] & 0x04 ? "data" : "audio", be32(descriptor + 4));
+  }
+  fprintf(out, "%s],\n  \"lead_out_lba\": %lu\n}\n", tracks ? "\n  " : "", leadOut);
+}
+
 static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
   (void)count;
   Address address;
@@ -358,7 +483,9 @@ static int run_toc(char** arguments, int count, FILE* out, FILE* err) {
   SRB_ExecSCSICmd srb;
   if (execute_in(&address, cdb, sizeof cdb, toc, TOC_LENGTH, &srb) != SS_COMP)
     return aspitool_report_failure(err, "READ TOC", &address, &srb);
-  if (!aspitool_print_toc(out, toc, TOC_LENGTH)) {
+  if (jsonOutput && ((unsigned)toc[0] << 8 | toc[1]) + 2u >= 4) {
+    print_toc_json(out, &address, toc, TOC_LENGTH);
+  } else if (jsonOutput || !aspitool_print_toc(out, toc, TOC_LENGTH)) {
     fprintf(err, "aspitool: READ TOC of %u:%u:%u returned no table\n", address.adapter, address.target, address.lun);
     return ASPITOOL_FAILED;
   }
@@ -481,6 +608,12 @@ static int run_read(char** arguments, int count, FILE* out, FILE* err) {
   const int checked = aspitool_take_address(arguments[0], &address, err);
   if (checked != ASPITOOL_OK) return checked;
   Streams streams = {out, err};
+  if (count < 4 && isatty(fileno(out))) {
+    fprintf(err, "aspitool: not writing %llu blocks of binary data to the terminal: name a FILE "
+            "(aspitool read %s %s %s FILE) or redirect standard output (> FILE)\n", blocks, arguments[0],
+            arguments[1], arguments[2]);
+    return ASPITOOL_USAGE;
+  }
   if (count < 4) return aspitool_read_blocks(&address, lba, blocks, "reading", write_to_stream, &streams, err);
   FILE* file = fopen(arguments[3], "wb");
   if (file == NULL) {
@@ -497,6 +630,30 @@ static int run_read(char** arguments, int count, FILE* out, FILE* err) {
     fprintf(out, "%llu blocks (%llu bytes) from LBA %llu written to %s\n", blocks, blocks * BLOCK_SIZE, lba,
             arguments[3]);
   return result;
+}
+
+/* START STOP UNIT with LoEj: start 0 ejects the disc (opens the tray),
+ * start 1 loads it (closes the tray). */
+static int start_stop(char** arguments, FILE* out, FILE* err, int start) {
+  Address address;
+  const int checked = aspitool_take_address(arguments[0], &address, err);
+  if (checked != ASPITOOL_OK) return checked;
+  const unsigned char cdb[6] = {0x1B, 0, 0, 0, (unsigned char)(0x02 | start), 0};
+  SRB_ExecSCSICmd srb;
+  if (aspitool_execute(&address, cdb, sizeof cdb, NULL, 0, 0, &srb) != SS_COMP)
+    return aspitool_report_failure(err, start ? "load" : "eject", &address, &srb);
+  fprintf(out, "%s %u:%u:%u\n", start ? "loaded" : "ejected", address.adapter, address.target, address.lun);
+  return ASPITOOL_OK;
+}
+
+static int run_eject(char** arguments, int count, FILE* out, FILE* err) {
+  (void)count;
+  return start_stop(arguments, out, err, 0);
+}
+
+static int run_load(char** arguments, int count, FILE* out, FILE* err) {
+  (void)count;
+  return start_stop(arguments, out, err, 1);
 }
 
 /* The library calls back on its own thread, and signals arrive anywhere:
@@ -556,28 +713,42 @@ static int run_watch(char** arguments, int count, FILE* out, FILE* err) {
   return ASPITOOL_OK;
 }
 
+static int run_disc(char** arguments, int count, FILE* out, FILE* err) {
+  return (jsonOutput ? aspitool_run_disc_json : aspitool_run_disc)(arguments, count, out, err);
+}
+
 /* ---- Command line ---- */
 
+#define JSON_HELP "\nWith --json, one JSON document on standard output instead; aspitool(1)\nnames its fields."
+
 static const Command commands[] = {
-    {"scan", "",
+    {"scan", "[--json]",
      "Lists every host adapter the library reports, with its number and name,\n"
-     "and every device at each adapter, target and LUN with its type (GET DEVICE\n"
-     "TYPE) and its vendor, product and revision (INQUIRY).", 0, 0, run_scan},
-    {"inquiry", "A:T:L", "Shows the INQUIRY data of the device at adapter A, target T, LUN L.", 1, 1, run_inquiry},
-    {"toc", "A:T:L",
+     "and every device at each adapter, target and LUN with its Linux nodes\n"
+     "(/dev/sgN /dev/srN; - where there is none), its type (GET DEVICE TYPE) and\n"
+     "its vendor, product and revision (INQUIRY). When the library sees fewer\n"
+     "CD/DVD drives than the machine has, it says why on standard error: nodes\n"
+     "you may not open (their group, and how to join it), nodes held by another\n"
+     "program, drives without a /dev/sgN node (the sg module), or no drive at\n"
+     "all. Exits with 1 when it finds no device." JSON_HELP, 0, 0, run_scan},
+    {"inquiry", "[--json] A:T:L",
+     "Shows the INQUIRY data of the device at adapter A, target T, LUN L." JSON_HELP, 1, 1, run_inquiry},
+    {"toc", "[--json] A:T:L",
      "Shows the table of contents of the disc in the drive at A:T:L (READ TOC,\n"
-     "format 0): each track's number, kind and start address, and the lead-out.", 1, 1, run_toc},
+     "format 0): each track's number, kind and start address, and the lead-out." JSON_HELP, 1, 1, run_toc},
     {"read", "A:T:L LBA COUNT [FILE]",
      "Reads COUNT blocks of 2048 bytes from the drive at A:T:L, starting at\n"
      "block LBA (READ(10)), and writes them to FILE, or to standard output\n"
-     "without one. A read of 1024 blocks or more shows its progress (percent,\n"
-     "MiB/s, time left) on standard error.", 3, 4, run_read},
-    {"disc", "A:T:L",
+     "without one; it will not write them to a terminal. A read of 1024 blocks\n"
+     "or more shows its progress (percent, MiB/s, time left) on standard error.", 3, 4, run_read},
+    {"eject", "A:T:L", "Ejects the disc of the drive at A:T:L: opens its tray (START STOP UNIT).", 1, 1, run_eject},
+    {"load", "A:T:L", "Loads the disc of the drive at A:T:L: closes its tray (START STOP UNIT).", 1, 1, run_load},
+    {"disc", "[--json] A:T:L",
      "Shows what the drive at A:T:L holds, as a user asks before burning: the\n"
      "disc's profile by name (DVD+R, DVD-ROM, CD-ROM, none ...; GET\n"
      "CONFIGURATION), its status (blank, appendable, complete, no disc; READ\n"
      "DISC INFORMATION), and the blocks of 2048 bytes in use (READ CAPACITY) and\n"
-     "free to write (READ TRACK INFORMATION), each also in MiB.", 1, 1, aspitool_run_disc},
+     "free to write (READ TRACK INFORMATION), each also in MiB." JSON_HELP, 1, 1, run_disc},
     {"write", "[--no-verify] A:T:L IMAGE",
      "Burns the file IMAGE (an ISO image) onto the blank DVD+R in the drive at\n"
      "A:T:L. First it checks that the drive can write, holds a blank DVD+R (or\n"
@@ -609,8 +780,11 @@ static void print_help(FILE* out) {
   fprintf(out, "aspitool: the CD/DVD drives this machine offers through ASPI.\n\n");
   for (int i = 0; i < commandCount; ++i) print_command_usage(out, &commands[i]);
   fprintf(out, "\nA:T:L is an ASPI device address: host adapter, target and LUN, as scan\n"
-               "lists them. aspitool COMMAND --help explains a command.\n"
-               "Exit status: 0 done, 1 a device or command failed, 2 bad arguments.\n");
+               "lists them; a drive's Linux node (/dev/srN, /dev/sgN) may stand for it.\n"
+               "When a drive is not there, aspitool says why the library may not see it.\n"
+               "aspitool COMMAND --help explains a command.\n"
+               "Exit status: 0 done, 1 a device or command failed (or scan found no\n"
+               "device), 2 bad arguments.\n");
 }
 
 static void print_command_help(FILE* out, const Command* command) {
@@ -653,7 +827,17 @@ int aspitool_main(int argc, char** argv, FILE* out, FILE* err) {
     return ASPITOOL_USAGE;
   }
   char** arguments = argv + (helpFirst ? 3 : 2);
-  const int count = argc - (helpFirst ? 3 : 2);
+  int count = argc - (helpFirst ? 3 : 2);
+  /* --json, where the command's usage offers it, may come anywhere. */
+  char* kept[count + 1];
+  int keptCount = 0;
+  jsonOutput = 0;
+  for (int i = 0; i < count; ++i) {
+    if (strcmp(arguments[i], "--json") == 0 && strstr(command->arguments, "[--json]") != NULL) jsonOutput = 1;
+    else kept[keptCount++] = arguments[i];
+  }
+  arguments = kept;
+  count = keptCount;
   int showHelp = helpFirst;
   for (int i = 0; i < count; ++i) showHelp |= strcmp(arguments[i], "--help") == 0 || strcmp(arguments[i], "-h") == 0;
   if (showHelp) {

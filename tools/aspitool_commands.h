@@ -41,8 +41,9 @@ typedef struct {
   unsigned char adapter, target, lun;
 } AspitoolAddress;
 
-/* Parses ADAPTER:TARGET:LUN and checks the adapter against those ASPI
- * reports; says what is wrong on err. An ASPITOOL_ exit code. */
+/* Parses ADAPTER:TARGET:LUN, or a drive's node /dev/sgN or /dev/srN, and
+ * checks that a device is there; says what is wrong on err, and why the
+ * library may not see the drive. An ASPITOOL_ exit code. */
 int aspitool_take_address(const char* text, AspitoolAddress* address, FILE* err);
 
 /* Runs one command, data moving as flags say (SRB_DIR_IN clears the buffer
@@ -86,6 +87,39 @@ void aspitool_progress_start(AspitoolProgress* progress, FILE* err, const char* 
 void aspitool_progress_update(AspitoolProgress* progress, unsigned long long done);
 /* Clears a line drawn in place. */
 void aspitool_progress_end(AspitoolProgress* progress);
+
+/* ---- Linux nodes (aspitool_nodes.cpp, aspitool_unseen.c) ---- */
+
+#define ASPITOOL_NODE_LENGTH 64
+
+typedef struct {
+  char generic[ASPITOOL_NODE_LENGTH]; /* /dev/sgN (/dev/hdX on the IDE path) */
+  char block[ASPITOOL_NODE_LENGTH];   /* /dev/srN; empty when unknown */
+} AspitoolNodes;
+
+/* The nodes of the device at address in the library's registry; 0 when it
+ * has no such device. */
+int aspitool_device_nodes(const AspitoolAddress* address, AspitoolNodes* nodes);
+/* Devices in the library's registry. */
+int aspitool_registry_devices(void);
+struct stat;
+/* The address of the device whose generic or block node node is; 0 when
+ * the library reaches no such device. */
+int aspitool_find_node(const struct stat* node, AspitoolAddress* address);
+
+/* When the machine has more CD/DVD drives than the library's seen, says on
+ * err why, from what the machine shows: nodes that cannot be opened (their
+ * group, or another program holding them), drives without a generic node
+ * (the sg module), or no drive at all. Returns how many drives the machine
+ * has. */
+int aspitool_explain_unseen(FILE* err, int seen);
+
+/* ---- JSON output (aspitool_json.c) ---- */
+
+/* "text" with JSON's escapes; null for an empty text when emptyIsNull. */
+void aspitool_json_string(FILE* out, const char* text, int emptyIsNull);
+/* The disc command's report as one JSON object, from its own words. */
+int aspitool_run_disc_json(char** arguments, int count, FILE* out, FILE* err);
 
 /* The burning commands (aspitool_burn.c). */
 int aspitool_run_disc(char** arguments, int count, FILE* out, FILE* err);
