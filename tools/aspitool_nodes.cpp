@@ -1,20 +1,30 @@
 // The Linux nodes behind an ASPI address, and the address behind a node.
 // The SRB interface has no word for them, so this reads the registry that
-// the library exports to C++ applications. Its lock is the library's own:
-// aspitool reads the maps on one thread, and the library rebuilds them only
-// when drives come or go.
+// the library exports to C++ applications. The lock that guards it is the
+// library's own, and its hot-plug monitor may rebuild it at any moment: so
+// before the first read the monitor is stopped (SCSI_Done), after which
+// nothing changes the registry under the tool. The commands that read it
+// run once and end; watch, which needs the monitor, never reads it.
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 
+#include "aspi/srb.h"
 #include "device/registry.h"
 #include "tools/aspitool_commands.h"
+
+static void keep_registry_still() {
+  static bool stopped = false;
+  if (!stopped) SCSI_Done();
+  stopped = true;
+}
 
 static void copy_path(char* to, const CBasicString<char>& path) {
   snprintf(to, ASPITOOL_NODE_LENGTH, "%s", path.GetString());
 }
 
 extern "C" int aspitool_device_nodes(const AspitoolAddress* address, AspitoolNodes* nodes) {
+  keep_registry_still();
   char key[32];
   snprintf(key, sizeof key, "h%02dc%02dt%02dd%02d", address->adapter, 0, address->target, address->lun);
   nodes->generic[0] = nodes->block[0] = 0;
@@ -26,6 +36,7 @@ extern "C" int aspitool_device_nodes(const AspitoolAddress* address, AspitoolNod
 }
 
 extern "C" int aspitool_registry_devices(void) {
+  keep_registry_still();
   int count = 0;
   for (const auto& entry : DevicesMap) count += entry.second != nullptr;
   return count;
@@ -40,6 +51,7 @@ static bool same_node(const struct stat& node, const CBasicString<char>& path) {
 }
 
 extern "C" int aspitool_find_node(const struct stat* node, AspitoolAddress* address) {
+  keep_registry_still();
   for (const auto& entry : DevicesMap) {
     int adapter, channel, target, lun;
     if (entry.second == nullptr ||
