@@ -8,12 +8,9 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tools/aspitool_commands.h"
 
@@ -22,7 +19,7 @@ namespace {
 constexpr unsigned kBlock = 2048;
 const char* const kStatusWords[] = {"blank", "appendable", "complete"};
 
-struct Scripted {  // the Nth to (N+times-1)th command of a kind
+struct Scripted {  // commands first to first+times-1 of a kind
   std::string kind, action;
   int first, times;
 };
@@ -31,48 +28,42 @@ struct Drive {
   unsigned profile = 0x1B;
   int status = 0;
   unsigned long capacity = 4096;
-  std::vector<unsigned char> disc;
   long corruptByte = -1;  // stored wrongly: the read-back must notice
-  int busyAfterImmediate = 0, busyLeft = 0;
+  std::vector<unsigned char> disc;
   std::vector<Scripted> script;
-  std::vector<std::string> trace;  // every command, by kind and the fields that matter
+  std::vector<std::string> trace;  // every command: its kind and the fields that matter
   bool held = false, secondRunning = false;
   int secondExit = -1, secondCommands = 0;
   std::string secondErr, secondImage;
   double paused = 0;
-};
-Drive* drive;
+} * drive;
 
 unsigned long Be32(const unsigned char* b) { return (unsigned long)b[0] << 24 | b[1] << 16 | b[2] << 8 | b[3]; }
 void PutBe32(unsigned char* b, unsigned long v) { for (int i = 0; i < 4; ++i) b[i] = (unsigned char)(v >> (24 - 8 * i)); }
 
 void Sense(SRB_ExecSCSICmd* srb, unsigned key, unsigned asc, unsigned ascq) {
-  srb->SRB_Status = SS_ERR;
-  srb->SRB_TargStat = 2;
+  srb->SRB_Status = SS_ERR, srb->SRB_TargStat = 2;
   unsigned char* s = srb->SenseArea;
   s[0] = 0x70, s[2] = (unsigned char)key, s[7] = 10, s[12] = (unsigned char)asc, s[13] = (unsigned char)ascq;
 }
 
 std::string Name(const unsigned char* cdb) {
+  const std::string immed = cdb[1] & (cdb[0] == 0x35 ? 2 : 1) ? "/immed" : "";
   switch (cdb[0]) {
     case 0x00: return "TUR";
-    case 0x25: return "CAPACITY";
     case 0x28: return "READ";
     case 0x2A: return "WRITE";
-    case 0x35: return cdb[1] & 0x02 ? "SYNC/immed" : "SYNC";
-    case 0x46: return "GETCONF";
-    case 0x51: return "DISCINFO";
-    case 0x52: return "TRACKINFO";
+    case 0x35: return "SYNC" + immed;
     case 0x5B: return ((cdb[2] & 7) == 1 ? "CLOSE-TRACK/" + std::to_string(cdb[5]) : "CLOSE-SESSION/" +
-                       std::to_string(cdb[2] & 7)) + (cdb[1] & 1 ? "/immed" : "");
-    default: return "OTHER";
+                       std::to_string(cdb[2] & 7)) + immed;
+    default: return "ASK";  // GET CONFIGURATION, READ DISC or TRACK INFORMATION, READ CAPACITY
   }
 }
 
 int RunAspitool(std::vector<std::string> args, std::string* out, std::string* err);
 
-// What the script says for this command: a sense "K/ASC/ASCQ" answered, or
-// "signal N" and "second-burner" done before the usual answer.
+// A scripted sense "K/ASC/ASCQ" is the answer; "signal N" and
+// "second-burner" happen before the usual answer.
 bool FollowScript(SRB_ExecSCSICmd* srb, const std::string& kind, int count) {
   for (const Scripted& row : drive->script) {
     if (row.kind != kind || count < row.first || count >= row.first + row.times) continue;
@@ -80,8 +71,8 @@ bool FollowScript(SRB_ExecSCSICmd* srb, const std::string& kind, int count) {
     if (std::sscanf(row.action.c_str(), "%x/%x/%x", &key, &asc, &ascq) == 3) return Sense(srb, key, asc, ascq), true;
     if (row.action.rfind("signal ", 0) == 0) std::raise(std::stoi(row.action.substr(7)));
     if (row.action == "second-burner") {
-      drive->secondRunning = true;
       std::string out;
+      drive->secondRunning = true;
       drive->secondExit = RunAspitool({"write", "0:0:0", drive->secondImage}, &out, &drive->secondErr);
       drive->secondRunning = false;
     }
@@ -93,32 +84,23 @@ void Answer(SRB_ExecSCSICmd* srb) {
   const unsigned char* cdb = srb->CDBByte;
   unsigned char* data = srb->SRB_BufPointer;
   const unsigned long written = drive->disc.size() / kBlock, lba = Be32(cdb + 2), count = cdb[7] << 8 | cdb[8];
+  const unsigned char configuration[] = {0, 0, 0, 16, 0, 0, 0, (unsigned char)drive->profile, 0, 0, 3, 8,
+                                         0, (unsigned char)drive->profile, 1, 0, 0, 0x10, 0, 0};
   srb->SRB_Status = SS_COMP;
-  switch (cdb[0]) {
-    case 0x46: {
-      const unsigned char answer[] = {0, 0, 0, 16, 0, 0, 0, (unsigned char)drive->profile, 0, 0, 3, 8,
-                                      0, (unsigned char)drive->profile, 1, 0, 0, 0x10, 0, 0};
-      std::memcpy(data, answer, sizeof answer);
-      break;
-    }
-    case 0x51: data[2] = (unsigned char)(drive->status | (drive->status == 1 ? 0x04 : 0)), data[6] = 1; break;
-    case 0x52: PutBe32(data + 16, drive->capacity - written); break;
-    case 0x25: PutBe32(data, written - 1), PutBe32(data + 4, kBlock); break;
-    case 0x2A:
-      if (drive->status == 2 || lba != written) return Sense(srb, 5, drive->status == 2 ? 0x30 : 0x21, 5);
-      drive->disc.insert(drive->disc.end(), data, data + count * kBlock);
-      if (drive->corruptByte >= 0 && (unsigned long)drive->corruptByte < drive->disc.size())
-        drive->disc[drive->corruptByte] ^= 0xFF, drive->corruptByte = -1;
-      drive->status = 1;
-      break;
-    case 0x28:
-      if (lba + count > written) return Sense(srb, 5, 0x21, 0);
-      std::memcpy(data, &drive->disc[lba * kBlock], count * kBlock);
-      break;
-    case 0x5B:
-      if ((cdb[2] & 7) != 1) drive->status = (cdb[2] & 7) == 2 ? 1 : 2;
-      break;
+  if (cdb[0] == 0x46) std::memcpy(data, configuration, sizeof configuration);
+  if (cdb[0] == 0x51) data[2] = (unsigned char)(drive->status | (drive->status == 1 ? 0x04 : 0)), data[6] = 1;
+  if (cdb[0] == 0x52) PutBe32(data + 16, drive->capacity - written);
+  if (cdb[0] == 0x25) PutBe32(data, written - 1), PutBe32(data + 4, kBlock);
+  if (cdb[0] == 0x2A) {
+    if (drive->status == 2 || lba != written) return Sense(srb, 5, drive->status == 2 ? 0x30 : 0x21, 5);
+    drive->disc.insert(drive->disc.end(), data, data + count * kBlock);
+    if (drive->corruptByte >= 0 && (unsigned long)drive->corruptByte < drive->disc.size())
+      drive->disc[drive->corruptByte] ^= 0xFF, drive->corruptByte = -1;
+    drive->status = 1;
   }
+  if (cdb[0] == 0x28 && lba + count > written) return Sense(srb, 5, 0x21, 0);
+  if (cdb[0] == 0x28) std::memcpy(data, &drive->disc[lba * kBlock], count * kBlock);
+  if (cdb[0] == 0x5B && (cdb[2] & 7) != 1) drive->status = (cdb[2] & 7) == 2 ? 1 : 2;
 }
 
 void Execute(SRB_ExecSCSICmd* srb) {
@@ -130,10 +112,7 @@ void Execute(SRB_ExecSCSICmd* srb) {
   drive->trace.push_back(name);
   int count = 0;
   for (const std::string& seen : drive->trace) count += seen.substr(0, seen.find('/')) == kind;
-  if (FollowScript(srb, kind, count)) return;
-  if (drive->busyLeft > 0) return --drive->busyLeft, Sense(srb, 2, 4, 7);
-  if (name.find("/immed") != std::string::npos) drive->busyLeft = drive->busyAfterImmediate;
-  Answer(srb);
+  if (!FollowScript(srb, kind, count)) Answer(srb);
 }
 
 }  // namespace
@@ -146,7 +125,7 @@ unsigned int SendASPI32Command(void* request) {
   return inquiry->SRB_Status = SS_COMP;
 }
 unsigned int GetASPI32SupportInfo(void) { return 0x0100 | 1; }
-// Within one process a hold nests; the drive is held here by another program.
+// Within one process holds nest; a drive held already stands for one another program holds.
 int ASPI_setExclusiveMode(int, int) { return drive->held ? -1 : (drive->held = true, 0); }
 int ASPI_unsetExclusiveMode(int, int) { return drive->held ? (drive->held = false, 0) : -1; }
 void ASPI_putCallbacks(ASPI_Callbacks*) {}
@@ -185,30 +164,26 @@ std::vector<unsigned char> Padded(const std::string& path, unsigned long blocks)
   return bytes;
 }
 
-// The commands that change the disc or wait for it, repeats of one counted once.
+// The commands that write, close, wait or read back; repeats of one counted once.
 std::string Order(const std::vector<std::string>& trace) {
   std::string order;
   for (size_t i = 0; i < trace.size(); ++i)
-    if (trace[i].find("INFO") == std::string::npos && trace[i] != "GETCONF" && trace[i] != "CAPACITY" &&
-        (i == 0 || trace[i] != trace[i - 1]))
-      order += (order.empty() ? "" : " ") + trace[i];
+    if (trace[i] != "ASK" && (i == 0 || trace[i] != trace[i - 1])) order += (order.empty() ? "" : " ") + trace[i];
   return order;
 }
 
 std::string FirstDifference(const std::vector<unsigned char>& want, const std::vector<unsigned char>& got) {
-  if (want.size() != got.size()) return "sizes " + std::to_string(want.size()) + " and " + std::to_string(got.size());
-  for (size_t i = 0; i < want.size(); ++i)
-    if (want[i] != got[i]) return "byte " + std::to_string(i);
-  return "equal";
+  const auto at = std::mismatch(want.begin(), want.end(), got.begin(), got.end()).first - want.begin();
+  return want.size() != got.size() ? "sizes differ" : at == (long)want.size() ? "equal" : "byte " + std::to_string(at);
 }
 
 std::vector<std::string> CaseNames() {
   std::vector<std::string> names;
-  if (DIR* dir = opendir(KAVO_BURNER_DATA_DIR)) {
-    while (dirent* entry = readdir(dir))
-      if (std::strstr(entry->d_name, ".case")) names.push_back(std::string(entry->d_name).substr(0, std::strlen(entry->d_name) - 5));
-    closedir(dir);
-  }
+  DIR* dir = opendir(KAVO_BURNER_DATA_DIR);
+  for (dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;)
+    if (std::string name = entry->d_name; name.size() > 5 && name.substr(name.size() - 5) == ".case")
+      names.push_back(name.substr(0, name.size() - 5));
+  if (dir != nullptr) closedir(dir);
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -222,37 +197,34 @@ TEST_P(Burner, Case) {
   std::ifstream file(std::string(KAVO_BURNER_DATA_DIR) + "/" + GetParam() + ".case");
   std::string image = MakeImage(GetParam(), 200000), line, out, err;
   scripted.secondImage = MakeImage(GetParam() + "_second", 40000);
-  for (std::getline(file, line); file; std::getline(file, line)) {
-    std::istringstream row(line);
+  while (std::getline(file, line)) {
     std::string key, rest, word;
-    row >> key;
-    std::getline(row >> std::ws, rest);
-    std::istringstream words(rest);
+    std::istringstream row(line), words;
+    std::getline(row >> key >> std::ws, rest);
+    words.str(rest);
+    const auto contains = [&rest](const std::string& text) { return text.find(rest) != std::string::npos; };
     if (key == "image") image = MakeImage(GetParam(), std::stoul(rest));
-    if (key == "disc") {
+    if (key == "disc") {  // STATUS PROFILE CAPACITY [BLOCKS-WRITTEN]
       unsigned long written = 0;
       words >> word >> std::hex >> scripted.profile >> std::dec >> scripted.capacity >> written;
       scripted.status = (int)(std::find(kStatusWords, kStatusWords + 3, word) - kStatusWords);
       scripted.disc = Padded(image, written);
     }
-    if (key == "answer") {
+    if (key == "answer") {  // KIND FIRST TIMES|always ACTION
       Scripted answer;
       words >> answer.kind >> answer.first >> word >> std::ws;
       answer.times = word == "always" ? 1 << 30 : std::stoi(word);
       std::getline(words, answer.action);
       scripted.script.push_back(answer);
     }
-    if (key == "busy-after-immediate") scripted.busyAfterImmediate = std::stoi(rest);
     if (key == "corrupt") scripted.corruptByte = std::stol(rest);
-    if (key == "run") {
+    if (key == "run") {  // EXIT-STATUS ARGUMENTS
       int exitStatus;
       std::vector<std::string> args;
       for (words >> exitStatus; words >> word;) args.push_back(word == "IMAGE" ? image : word);
       EXPECT_EQ(exitStatus, RunAspitool(args, &out, &err)) << err;
       EXPECT_FALSE(scripted.held) << "the drive is still held";
-    }
-    const auto contains = [&rest](const std::string& text) { return text.find(rest) != std::string::npos; };
-    if (key == "stdout") {
+    } else if (key == "stdout") {
       EXPECT_TRUE(contains(out)) << "stdout lacks \"" << rest << "\": " << out;
     } else if (key == "stderr") {
       EXPECT_TRUE(contains(err)) << "stderr lacks \"" << rest << "\": " << err;
@@ -264,8 +236,7 @@ TEST_P(Burner, Case) {
       EXPECT_EQ(rest, kStatusWords[scripted.status]);
     } else if (key == "paused-at-most") {
       EXPECT_LE(scripted.paused, std::stod(rest));
-    }
-    if (key == "second") {
+    } else if (key == "second") {
       EXPECT_EQ(1, scripted.secondExit);
       EXPECT_EQ(0, scripted.secondCommands) << "the refused burner sent commands";
       EXPECT_TRUE(contains(scripted.secondErr)) << "the second burner's stderr lacks \"" << rest << "\": " << scripted.secondErr;
