@@ -139,29 +139,28 @@ int RunAspitool(std::vector<std::string> args, std::string* out, std::string* er
   args.insert(args.begin(), "aspitool");
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(&arg[0]);
-  char *outText = nullptr, *errText = nullptr;
-  size_t outSize = 0, errSize = 0;
-  FILE *outStream = open_memstream(&outText, &outSize), *errStream = open_memstream(&errText, &errSize);
+  char* texts[2] = {};
+  size_t sizes[2];
+  FILE *outStream = open_memstream(&texts[0], &sizes[0]), *errStream = open_memstream(&texts[1], &sizes[1]);
   const int status = aspitool_main((int)argv.size(), argv.data(), outStream, errStream);
   std::fclose(outStream), std::fclose(errStream);
-  *out = outText, *err = errText;
-  std::free(outText), std::free(errText);
+  *out = texts[0], *err = texts[1];
+  std::free(texts[0]), std::free(texts[1]);
   return status;
 }
 
-// An image whose every byte depends on its block and place.
-std::string MakeImage(const std::string& name, unsigned long bytes) {
-  std::string path = testing::TempDir() + "burner_" + name + ".iso", content(bytes, 0);
-  for (unsigned long i = 0; i < bytes; ++i) content[i] = (char)(i * 31 + i / kBlock * 7 + 1);
-  std::ofstream(path, std::ios::binary) << content;
-  return path;
+// An image of bytes bytes, each depending on its block and place, padded to whole blocks.
+std::vector<unsigned char> Image(unsigned long bytes, unsigned long blocks) {
+  std::vector<unsigned char> image(blocks * kBlock, 0);
+  for (unsigned long i = 0; i < bytes && i < image.size(); ++i) image[i] = (unsigned char)(i * 31 + i / kBlock * 7 + 1);
+  return image;
 }
 
-std::vector<unsigned char> Padded(const std::string& path, unsigned long blocks) {
-  std::ifstream file(path, std::ios::binary);
-  std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  bytes.resize(blocks * kBlock);
-  return bytes;
+std::string WriteImage(const std::string& name, unsigned long bytes) {
+  const std::vector<unsigned char> image = Image(bytes, (bytes + kBlock - 1) / kBlock);
+  std::string path = testing::TempDir() + "burner_" + name + ".iso";
+  std::ofstream(path, std::ios::binary).write((const char*)image.data(), (std::streamsize)bytes);
+  return path;
 }
 
 // The commands that write, close, wait or read back; repeats of one counted once.
@@ -170,11 +169,6 @@ std::string Order(const std::vector<std::string>& trace) {
   for (size_t i = 0; i < trace.size(); ++i)
     if (trace[i] != "ASK" && (i == 0 || trace[i] != trace[i - 1])) order += (order.empty() ? "" : " ") + trace[i];
   return order;
-}
-
-std::string FirstDifference(const std::vector<unsigned char>& want, const std::vector<unsigned char>& got) {
-  const auto at = std::mismatch(want.begin(), want.end(), got.begin(), got.end()).first - want.begin();
-  return want.size() != got.size() ? "sizes differ" : at == (long)want.size() ? "equal" : "byte " + std::to_string(at);
 }
 
 std::vector<std::string> CaseNames() {
@@ -195,20 +189,21 @@ TEST_P(Burner, Case) {
   drive = &scripted;
   aspitool_burn_pause = [](double seconds) { drive->paused += seconds; };
   std::ifstream file(std::string(KAVO_BURNER_DATA_DIR) + "/" + GetParam() + ".case");
-  std::string image = MakeImage(GetParam(), 200000), line, out, err;
-  scripted.secondImage = MakeImage(GetParam() + "_second", 40000);
+  unsigned long imageBytes = 200000;
+  std::string image = WriteImage(GetParam(), imageBytes), line, out, err;
+  scripted.secondImage = WriteImage(GetParam() + "_second", 40000);
   while (std::getline(file, line)) {
     std::string key, rest, word;
     std::istringstream row(line), words;
     std::getline(row >> key >> std::ws, rest);
     words.str(rest);
     const auto contains = [&rest](const std::string& text) { return text.find(rest) != std::string::npos; };
-    if (key == "image") image = MakeImage(GetParam(), std::stoul(rest));
+    if (key == "image") image = WriteImage(GetParam(), imageBytes = std::stoul(rest));
     if (key == "disc") {  // STATUS PROFILE CAPACITY [BLOCKS-WRITTEN]
       unsigned long written = 0;
       words >> word >> std::hex >> scripted.profile >> std::dec >> scripted.capacity >> written;
       scripted.status = (int)(std::find(kStatusWords, kStatusWords + 3, word) - kStatusWords);
-      scripted.disc = Padded(image, written);
+      scripted.disc = Image(imageBytes, written);
     }
     if (key == "answer") {  // KIND FIRST TIMES|always ACTION
       Scripted answer;
@@ -231,7 +226,10 @@ TEST_P(Burner, Case) {
     } else if (key == "order") {
       EXPECT_EQ(rest, Order(scripted.trace));
     } else if (key == "holds") {
-      EXPECT_EQ("equal", FirstDifference(Padded(image, std::stoul(rest)), scripted.disc));
+      const std::vector<unsigned char> want = Image(imageBytes, std::stoul(rest)), &got = scripted.disc;
+      EXPECT_EQ(want.size(), got.size()) << "bytes on the disc";
+      EXPECT_EQ(want.size(), std::mismatch(want.begin(), want.end(), got.begin(), got.end()).first - want.begin())
+          << "the first byte where the disc differs from the image";
     } else if (key == "status") {
       EXPECT_EQ(rest, kStatusWords[scripted.status]);
     } else if (key == "paused-at-most") {
