@@ -1,10 +1,12 @@
 /* aspitool's burning commands, through ASPI only: disc tells what a drive
- * holds, write burns an image onto a blank DVD+R and reads it back. */
+ * holds, write burns an image onto a blank DVD+R and reads it back, close
+ * finishes a disc whose burn was cut short. */
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tools/aspitool_commands.h"
@@ -43,6 +45,7 @@ typedef struct {
   unsigned profile; /* current profile, 0 without a disc */
   int canWrite;     /* the drive offers a recordable profile */
   int status;
+  unsigned lastTrack; /* the track written or to write next */
   unsigned long long used, free; /* blocks */
 } Medium;
 
@@ -70,22 +73,74 @@ static int offers_recordable_profile(const unsigned char* answer, unsigned long 
   return 0;
 }
 
+/* ---- Patience ---- */
+
+/* A drive may stay busy for minutes (its own timeouts for a close are that
+ * long); past this, it is taken as failed. */
+#define BUSY_LIMIT_SECONDS 900.0
+#define BUSY_TOLD_AFTER_SECONDS 5.0
+#define BUSY_LONGEST_PAUSE 1.0
+
+static void sleep_seconds(double seconds) {
+  struct timespec pause = {(time_t)seconds, (long)((seconds - (double)(time_t)seconds) * 1e9)};
+  while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
+  }
+}
+
+void (*aspitool_burn_pause)(double seconds) = sleep_seconds;
+
+/* NOT READY while the drive works on: the command was not carried out and
+ * is to be sent again. 04/07: an operation in progress (a close with
+ * IMMED, a format); 04/08: a long write in progress (the buffer draining);
+ * 04/01: becoming ready. */
+static const char* busy_words(const SRB_ExecSCSICmd* srb) {
+  const unsigned char* sense = srb->SenseArea;
+  if (srb->SRB_Status != SS_ERR || (sense[0] & 0x7E) != 0x70 || (sense[2] & 0x0F) != 0x02 || sense[12] != 0x04)
+    return NULL;
+  switch (sense[13]) {
+    case 0x01: return "becoming ready";
+    case 0x07: return "operation in progress";
+    case 0x08: return "long write in progress";
+    default: return NULL;
+  }
+}
+
+/* aspitool_execute, sent again while the drive is busy, with growing
+ * pauses up to BUSY_LIMIT_SECONDS; says so on err once the wait is long. */
+static unsigned char drive_execute(const AspitoolAddress* address, const unsigned char* cdb, unsigned char* buffer,
+                                   unsigned int length, unsigned char flags, SRB_ExecSCSICmd* srb, FILE* err) {
+  double waited = 0, pause = 0.05;
+  int told = 0;
+  for (;;) {
+    const unsigned char status = aspitool_execute(address, cdb, 10, buffer, length, flags, srb);
+    const char* busy = busy_words(srb);
+    if (busy == NULL || waited >= BUSY_LIMIT_SECONDS) return status;
+    if (!told && waited >= BUSY_TOLD_AFTER_SECONDS) {
+      fprintf(err, "waiting for the drive at %u:%u:%u (%s) ...\n", address->adapter, address->target, address->lun,
+              busy);
+      fflush(err);
+      told = 1;
+    }
+    aspitool_burn_pause(pause);
+    waited += pause;
+    pause = pause * 2 < BUSY_LONGEST_PAUSE ? pause * 2 : BUSY_LONGEST_PAUSE;
+  }
+}
+
 static int ask(const AspitoolAddress* address, const char* what, const unsigned char* cdb, unsigned char* answer,
                unsigned int length, FILE* err) {
   SRB_ExecSCSICmd srb;
-  if (aspitool_execute(address, cdb, 10, answer, length, SRB_DIR_IN, &srb) == SS_COMP) return ASPITOOL_OK;
+  if (drive_execute(address, cdb, answer, length, SRB_DIR_IN, &srb, err) == SS_COMP) return ASPITOOL_OK;
   return aspitool_report_failure(err, what, address, &srb);
 }
 
 /* Free blocks of the last track (the one to write next) and, for a disc
  * that is not blank, the blocks in use (READ CAPACITY). */
-static int read_space(const AspitoolAddress* address, const unsigned char* discInformation, Medium* medium,
-                         FILE* err) {
+static int read_space(const AspitoolAddress* address, Medium* medium, FILE* err) {
   unsigned char answer[TRACK_INFORMATION_LENGTH];
   if (medium->status == BLANK || medium->status == APPENDABLE) {
-    const unsigned lastTrack = (unsigned)discInformation[11] << 8 | discInformation[6];
-    const unsigned char cdb[10] = {0x52, 1, 0, 0, (unsigned char)(lastTrack >> 8), (unsigned char)lastTrack, 0, 0,
-                                   TRACK_INFORMATION_LENGTH, 0};
+    const unsigned char cdb[10] = {0x52, 1, 0, 0, (unsigned char)(medium->lastTrack >> 8), (unsigned char)medium->lastTrack,
+                                   0, 0, TRACK_INFORMATION_LENGTH, 0};
     if (ask(address, "READ TRACK INFORMATION", cdb, answer, sizeof answer, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
     medium->free = be32(answer + 16);
   }
@@ -114,13 +169,14 @@ static int read_medium(const AspitoolAddress* address, Medium* medium, FILE* err
   if (medium->profile == 0) return ASPITOOL_OK;
   const unsigned char readDiscInformation[10] = {0x51, 0, 0, 0, 0, 0, 0, 0, DISC_INFORMATION_LENGTH, 0};
   SRB_ExecSCSICmd srb;
-  if (aspitool_execute(address, readDiscInformation, 10, discInformation, sizeof discInformation, SRB_DIR_IN, &srb) !=
+  if (drive_execute(address, readDiscInformation, discInformation, sizeof discInformation, SRB_DIR_IN, &srb, err) !=
       SS_COMP) {
     if (is_no_medium(&srb)) return ASPITOOL_OK;
     return aspitool_report_failure(err, "READ DISC INFORMATION", address, &srb);
   }
   medium->status = discInformation[2] & 0x03;
-  return read_space(address, discInformation, medium, err);
+  medium->lastTrack = (unsigned)discInformation[11] << 8 | discInformation[6];
+  return read_space(address, medium, err);
 }
 
 static const char* profile_name(unsigned code) {
@@ -144,6 +200,81 @@ int aspitool_run_disc(char** arguments, int count, FILE* out, FILE* err) {
   return ASPITOOL_OK;
 }
 
+/* ---- Holding the drive, signals ---- */
+
+/* Another program that holds the drive makes every request of this one
+ * fail, and one that writes meanwhile ruins the disc: a burn or a close
+ * holds the drive from its first check to its last command. */
+static int hold_drive(const AspitoolAddress* a, FILE* err) {
+  if (ASPI_setExclusiveMode(a->adapter, a->target) == 0) return ASPITOOL_OK;
+  fprintf(err, "aspitool: the drive at %u:%u:%u is in use by another program, which holds it: nothing was done\n",
+          a->adapter, a->target, a->lun);
+  return ASPITOOL_FAILED;
+}
+
+static void release_drive(const AspitoolAddress* a) { ASPI_unsetExclusiveMode(a->adapter, a->target); }
+
+static volatile sig_atomic_t interrupted;
+
+static void note_interrupt(int signal) { (void)signal, interrupted = 1; }
+
+/* SIGINT, SIGTERM (a stopped service) and SIGHUP (a closed terminal) end
+ * the writing between two transfers and the read-back, never a close.
+ * SA_RESTART: the library's exchange with the driver goes on undisturbed. */
+static void catch_interrupts(int on) {
+  static const int signals[] = {SIGINT, SIGTERM, SIGHUP};
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = on ? note_interrupt : SIG_DFL;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  for (size_t i = 0; i < sizeof signals / sizeof signals[0]; ++i) sigaction(signals[i], &action, NULL);
+}
+
+/* ---- Closing ---- */
+
+static int run_simple(const AspitoolAddress* a, const char* what, const unsigned char* cdb, FILE* err) {
+  SRB_ExecSCSICmd srb;
+  if (drive_execute(a, cdb, NULL, 0, 0, &srb, err) == SS_COMP) return ASPITOOL_OK;
+  return aspitool_report_failure(err, what, a, &srb);
+}
+
+/* A command sent with IMMED returns at once; the drive answers NOT READY
+ * until it is done, so TEST UNIT READY waits for that (drive_execute). */
+static int run_immediate(const AspitoolAddress* a, const char* what, const unsigned char* cdb, FILE* err) {
+  const unsigned char testUnitReady[10] = {0x00};
+  if (run_simple(a, what, cdb, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  return run_simple(a, what, testUnitReady, err);
+}
+
+static int synchronize_cache(const AspitoolAddress* a, FILE* err) {
+  const unsigned char cdb[10] = {0x35, 0x02}; /* IMMED */
+  return run_immediate(a, "SYNCHRONIZE CACHE", cdb, err);
+}
+
+/* CLOSE SESSION's close function on a DVD+R: 010b closes the session and
+ * leaves the disc appendable; 101b finalizes it (110b on DVD+R DL), the
+ * disc every DVD drive reads. */
+static unsigned char close_function(unsigned profile, int finalize) {
+  if (!finalize) return 0x02;
+  return profile == 0x002B ? 0x06 : 0x05;
+}
+
+/* The cache, then the track, then the session: each step needs the one
+ * before it done. */
+static int finish_disc(const AspitoolAddress* a, unsigned track, unsigned profile, int finalize, FILE* err) {
+  const unsigned char closeTrack[10] = {0x5B, 0x01, 0x01, 0, (unsigned char)(track >> 8), (unsigned char)track};
+  const unsigned char closeSession[10] = {0x5B, 0x01, close_function(profile, finalize)};
+  fprintf(err, "closing the disc (%s) ...\n", finalize ? "finalizing it" : "leaving it appendable");
+  fflush(err);
+  if (synchronize_cache(a, err) == ASPITOOL_OK && run_immediate(a, "CLOSE TRACK", closeTrack, err) == ASPITOOL_OK &&
+      run_immediate(a, "CLOSE SESSION", closeSession, err) == ASPITOOL_OK)
+    return ASPITOOL_OK;
+  fprintf(err, "aspitool: the disc is not finished: a drive may not read it; aspitool close %u:%u:%u tries again\n",
+          a->adapter, a->target, a->lun);
+  return ASPITOOL_FAILED;
+}
+
 /* ---- write ---- */
 
 typedef struct {
@@ -152,25 +283,11 @@ typedef struct {
   FILE* image;
   unsigned long long bytes, blocks; /* the image; the last block padded */
   unsigned long long written;       /* blocks on the disc so far */
-  int verify;
+  int verify, finalize;
+  Medium medium; /* before the burn */
   FILE* err;
   unsigned char* expected; /* one transfer of the image, for the read-back */
 } Burn;
-
-static volatile sig_atomic_t interrupted;
-
-static void note_interrupt(int signal) { (void)signal, interrupted = 1; }
-
-/* SIGINT ends the writing between two transfers. SA_RESTART: the library's
- * exchange with the driver goes on undisturbed. */
-static void catch_interrupt(int on) {
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
-  action.sa_handler = on ? note_interrupt : SIG_DFL;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, NULL);
-}
 
 /* blocks of the image from block first into buffer, the last one padded
  * with zeros. */
@@ -185,30 +302,37 @@ static int read_image(Burn* burn, unsigned long long first, unsigned int blocks,
   return ASPITOOL_FAILED;
 }
 
-static int run_simple(const Burn* burn, const char* what, const unsigned char* cdb, FILE* err) {
-  SRB_ExecSCSICmd srb;
-  if (aspitool_execute(&burn->address, cdb, 10, NULL, 0, 0, &srb) == SS_COMP) return ASPITOOL_OK;
-  return aspitool_report_failure(err, what, &burn->address, &srb);
-}
-
-static int synchronize_cache(const Burn* burn, FILE* err) {
-  const unsigned char cdb[10] = {0x35};
-  return run_simple(burn, "SYNCHRONIZE CACHE", cdb, err);
-}
-
 /* After a write that did not end in a closed disc: what the disc holds. */
-static void tell_disc_left(const Burn* burn, FILE* err) {
+static void tell_disc_left(const Burn* burn, int synchronized, FILE* err) {
+  const AspitoolAddress* a = &burn->address;
   Medium medium;
   FILE* quiet = fopen("/dev/null", "w");
-  const int known = read_medium(&burn->address, &medium, quiet != NULL ? quiet : err) == ASPITOOL_OK;
+  const int known = read_medium(a, &medium, quiet != NULL ? quiet : err) == ASPITOOL_OK;
   if (quiet != NULL) fclose(quiet);
   if (burn->written == 0)
     fprintf(err, "aspitool: nothing was written to the disc");
   else
-    fprintf(err, "aspitool: the disc holds the first %llu of the image's %llu blocks in a track left open (not closed)",
+    fprintf(err, "aspitool: the disc holds the first %llu of the image's %llu blocks in a track left open",
             burn->written, burn->blocks);
-  if (known) fprintf(err, "; the drive reports it %s", statusWords[medium.status]);
+  fprintf(err, "; the drive's cache is %s", synchronized == ASPITOOL_OK ? "synchronised" : "NOT synchronised");
+  if (known) fprintf(err, "; the drive reports the disc %s", statusWords[medium.status]);
+  if (burn->written > 0) fprintf(err, "; aspitool close %u:%u:%u finishes it", a->adapter, a->target, a->lun);
   fputs("\n", err);
+}
+
+static int write_transfer(Burn* burn, unsigned int blocks, unsigned char* buffer, FILE* err) {
+  unsigned char cdb[10] = {0x2A, 0, 0, 0, 0, 0, 0, (unsigned char)(blocks >> 8), (unsigned char)blocks, 0};
+  put_be32(cdb + 2, (unsigned long)burn->written);
+  SRB_ExecSCSICmd srb;
+  if (read_image(burn, burn->written, blocks, buffer, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  if (drive_execute(&burn->address, cdb, buffer, blocks * BLOCK, SRB_DIR_OUT, &srb, err) == SS_COMP) {
+    burn->written += blocks;
+    return ASPITOOL_OK;
+  }
+  fprintf(err, "aspitool: WRITE(10) of %u:%u:%u at LBA %llu failed: ", burn->address.adapter, burn->address.target,
+          burn->address.lun, burn->written);
+  aspitool_describe_failure(err, &srb);
+  return ASPITOOL_FAILED;
 }
 
 static int write_blocks(Burn* burn, FILE* err) {
@@ -226,56 +350,33 @@ static int write_blocks(Burn* burn, FILE* err) {
   int result = ASPITOOL_OK;
   while (burn->written < burn->blocks && result == ASPITOOL_OK && !interrupted) {
     const unsigned long long left = burn->blocks - burn->written;
-    const unsigned int blocks = left < chunk ? (unsigned int)left : chunk;
-    unsigned char cdb[10] = {0x2A, 0, 0, 0, 0, 0, 0, (unsigned char)(blocks >> 8), (unsigned char)blocks, 0};
-    put_be32(cdb + 2, (unsigned long)burn->written);
-    SRB_ExecSCSICmd srb;
-    result = read_image(burn, burn->written, blocks, buffer, err);
-    if (result == ASPITOOL_OK &&
-        aspitool_execute(&burn->address, cdb, 10, buffer, blocks * BLOCK, SRB_DIR_OUT, &srb) != SS_COMP) {
-      aspitool_progress_end(&progress);
-      fprintf(err, "aspitool: WRITE(10) of %u:%u:%u at LBA %llu failed: ", burn->address.adapter,
-              burn->address.target, burn->address.lun, burn->written);
-      aspitool_describe_failure(err, &srb);
-      result = ASPITOOL_FAILED;
-    }
-    if (result == ASPITOOL_OK) burn->written += blocks;
+    result = write_transfer(burn, left < chunk ? (unsigned int)left : chunk, buffer, err);
+    if (result != ASPITOOL_OK) aspitool_progress_end(&progress);
     aspitool_progress_update(&progress, burn->written);
   }
   aspitool_progress_end(&progress);
   free(buffer);
+  if (burn->written == burn->blocks) return ASPITOOL_OK; /* an interruption now changes nothing */
   /* Whatever happened, what was written reaches the disc. */
-  const int synchronized = synchronize_cache(burn, err);
-  /* An interruption after the last transfer changes nothing: the disc is finished. */
-  if (interrupted && result == ASPITOOL_OK && burn->written < burn->blocks) {
-    fprintf(err, "aspitool: interrupted: writing stopped after %llu of %llu blocks%s\n", burn->written,
-            burn->blocks, synchronized == ASPITOOL_OK ? "; the drive's cache is synchronised" : "");
-    result = ASPITOOL_FAILED;
-  }
-  if (result != ASPITOOL_OK || synchronized != ASPITOOL_OK) {
-    tell_disc_left(burn, err);
-    return ASPITOOL_FAILED;
-  }
-  return ASPITOOL_OK;
-}
-
-static int close_disc(const Burn* burn, FILE* err) {
-  const unsigned char closeTrack[10] = {0x5B, 0, 1, 0, 0, 1};
-  const unsigned char closeSession[10] = {0x5B, 0, 2};
-  if (run_simple(burn, "CLOSE TRACK", closeTrack, err) == ASPITOOL_OK &&
-      run_simple(burn, "CLOSE SESSION", closeSession, err) == ASPITOOL_OK)
-    return ASPITOOL_OK;
-  fprintf(err, "aspitool: the disc holds the whole image, but it is not finished: a drive may not read it\n");
+  const int synchronized = synchronize_cache(&burn->address, err);
+  if (result == ASPITOOL_OK)
+    fprintf(err, "aspitool: interrupted: writing stopped after %llu of %llu blocks\n", burn->written, burn->blocks);
+  tell_disc_left(burn, synchronized, err);
   return ASPITOOL_FAILED;
 }
 
 static int compare_with_image(void* context, const unsigned char* data, unsigned int blocks,
                               unsigned long long lba) {
   Burn* burn = context;
+  if (interrupted) {
+    fprintf(burn->err, "aspitool: interrupted: the disc is finished; the read-back stopped at block %llu\n", lba);
+    return ASPITOOL_FAILED;
+  }
   if (read_image(burn, lba, blocks, burn->expected, burn->err) != ASPITOOL_OK) return ASPITOOL_FAILED;
   for (unsigned int block = 0; block < blocks; ++block) {
     if (memcmp(burn->expected + (size_t)block * BLOCK, data + (size_t)block * BLOCK, BLOCK) != 0) {
-      fprintf(burn->err, "aspitool: the disc does not read back as the image: block %llu differs\n", lba + block);
+      fprintf(burn->err, "aspitool: the disc is finished but does not hold the image: block %llu differs\n",
+              lba + block);
       return ASPITOOL_FAILED;
     }
   }
@@ -291,32 +392,38 @@ static int verify(Burn* burn) {
   else
     result = aspitool_read_blocks(&burn->address, 0, burn->blocks, "verifying", compare_with_image, burn, burn->err);
   free(burn->expected);
-  if (result != ASPITOOL_OK) fprintf(burn->err, "aspitool: the disc is finished but does not hold the image\n");
   return result;
 }
 
-/* The checks before a burn: a writer, a blank DVD+R, room for the image. */
-static int check_medium(const Burn* burn, FILE* err) {
+/* The checks before a burn: a writer, a blank DVD+R, room for the image.
+ * The medium is named first, what aspitool can do with it, then its state. */
+static int check_medium(Burn* burn, FILE* err) {
   const AspitoolAddress* a = &burn->address;
-  Medium medium;
-  if (read_medium(a, &medium, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
-  if (!medium.canWrite)
+  Medium* medium = &burn->medium;
+  if (read_medium(a, medium, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  if (!medium->canWrite)
     fprintf(err, "aspitool: the drive at %u:%u:%u cannot write discs\n", a->adapter, a->target, a->lun);
-  else if (medium.status == NO_DISC)
+  else if (medium->status == NO_DISC)
     fprintf(err, "aspitool: there is no disc in the drive at %u:%u:%u\n", a->adapter, a->target, a->lun);
-  else if (medium.status != BLANK)
-    fprintf(err, "aspitool: the %s in %u:%u:%u is not blank (it is %s): aspitool writes blank discs only\n",
-            profile_name(medium.profile), a->adapter, a->target, a->lun, statusWords[medium.status]);
-  else if (medium.profile != 0x001B && medium.profile != 0x002B)
-    fprintf(err, "aspitool: the disc in %u:%u:%u is a %s; aspitool writes DVD+R discs only\n", a->adapter, a->target,
-            a->lun, profile_name(medium.profile));
-  else if (burn->blocks > medium.free)
+  else if ((medium->profile != 0x001B && medium->profile != 0x002B) || medium->status != BLANK)
+    fprintf(err, "aspitool: the disc in %u:%u:%u is a %s: aspitool burns blank DVD+R discs only, and this one is %s%s\n",
+            a->adapter, a->target, a->lun, profile_name(medium->profile), statusWords[medium->status],
+            medium->status == APPENDABLE ? " (aspitool close finishes a disc whose burn was cut short)" : "");
+  else if (burn->blocks > medium->free)
     fprintf(err, "aspitool: \"%s\" needs %llu blocks (%.1f MiB); the disc in %u:%u:%u has room for %llu (%.1f MiB)\n",
-            burn->path, burn->blocks, MIB(burn->blocks), a->adapter, a->target, a->lun, medium.free,
-            MIB(medium.free));
+            burn->path, burn->blocks, MIB(burn->blocks), a->adapter, a->target, a->lun, medium->free,
+            MIB(medium->free));
   else
     return ASPITOOL_OK;
   return ASPITOOL_FAILED;
+}
+
+static void tell_burned(const Burn* burn, double seconds, FILE* out) {
+  fprintf(out, "burned \"%s\" onto the DVD+R in %u:%u:%u (%s): %llu blocks (%.1f MiB) in %.2f s (%.1f MiB/s); %s\n",
+          burn->path, burn->address.adapter, burn->address.target, burn->address.lun,
+          burn->finalize ? "finalized" : "left appendable", burn->blocks, MIB(burn->blocks), seconds,
+          seconds > 0 ? MIB(burn->blocks) / seconds : 0.0,
+          burn->verify ? "verified: the disc reads back equal to the image" : "not verified (--no-verify)");
 }
 
 static int burn_image(Burn* burn, FILE* out, FILE* err) {
@@ -329,59 +436,111 @@ static int burn_image(Burn* burn, FILE* out, FILE* err) {
     fprintf(err, "aspitool: \"%s\" is %llu bytes, not a whole number of %u-byte blocks: its last block is padded "
             "with %llu zero bytes\n", burn->path, burn->bytes, BLOCK, BLOCK - burn->bytes % BLOCK);
   const double start = aspitool_now();
-  if (write_blocks(burn, err) != ASPITOOL_OK || close_disc(burn, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  if (write_blocks(burn, err) != ASPITOOL_OK ||
+      finish_disc(&burn->address, burn->medium.lastTrack, burn->medium.profile, burn->finalize, err) != ASPITOOL_OK)
+    return ASPITOOL_FAILED;
   const double seconds = aspitool_now() - start;
-  catch_interrupt(0); /* the disc is finished: the read-back may be cut short */
+  if (interrupted && burn->verify) {
+    fprintf(err, "aspitool: interrupted: the disc is finished and holds the image, but it was not read back\n");
+    return ASPITOOL_FAILED;
+  }
   if (burn->verify && verify(burn) != ASPITOOL_OK) return ASPITOOL_FAILED;
-  fprintf(out, "burned \"%s\" onto the DVD+R in %u:%u:%u: %llu blocks (%.1f MiB) in %.2f s (%.1f MiB/s); %s\n",
-          burn->path, burn->address.adapter, burn->address.target, burn->address.lun, burn->blocks, MIB(burn->blocks),
-          seconds, seconds > 0 ? MIB(burn->blocks) / seconds : 0.0,
-          burn->verify ? "verified: the disc reads back equal to the image" : "not verified (--no-verify)");
+  tell_burned(burn, seconds, out);
   return ASPITOOL_OK;
+}
+
+/* The options, the drive's address and the image path; 0 when they do not fit. */
+static int take_write_arguments(Burn* burn, char** arguments, int count, const char* positional[2]) {
+  int positionals = 0;
+  for (int i = 0; i < count; ++i) {
+    if (strcmp(arguments[i], "--no-verify") == 0)
+      burn->verify = 0;
+    else if (strcmp(arguments[i], "--multi") == 0)
+      burn->finalize = 0;
+    else if (positionals < 2 && (arguments[i][0] != '-' || arguments[i][1] == 0))
+      positional[positionals++] = arguments[i];
+    else
+      return 0;
+  }
+  return positionals == 2;
+}
+
+static int open_image(Burn* burn, FILE* err) {
+  struct stat status;
+  burn->image = fopen(burn->path, "rb");
+  const int opened = burn->image != NULL && fstat(fileno(burn->image), &status) == 0;
+  if (opened && S_ISREG(status.st_mode)) {
+    burn->bytes = (unsigned long long)status.st_size;
+    burn->blocks = (burn->bytes + BLOCK - 1) / BLOCK;
+    if (burn->blocks > 0) return ASPITOOL_OK;
+    fprintf(err, "aspitool: the image \"%s\" is empty: nothing to burn\n", burn->path);
+  } else {
+    fprintf(err, "aspitool: cannot read the image \"%s\": %s\n", burn->path,
+            opened ? "not a regular file" : strerror(errno));
+  }
+  if (burn->image != NULL) fclose(burn->image);
+  return ASPITOOL_FAILED;
 }
 
 int aspitool_run_write(char** arguments, int count, FILE* out, FILE* err) {
   Burn burn;
   memset(&burn, 0, sizeof burn);
-  burn.verify = 1;
+  burn.verify = burn.finalize = 1;
   burn.err = err;
   const char* positional[2];
-  int positionals = 0;
-  for (int i = 0; i < count; ++i) {
-    if (strcmp(arguments[i], "--no-verify") == 0)
-      burn.verify = 0;
-    else if (positionals < 2 && (arguments[i][0] != '-' || arguments[i][1] == 0))
-      positional[positionals++] = arguments[i];
-    else
-      positionals = 3;
-  }
-  if (positionals != 2) {
-    fprintf(err, "usage: aspitool write [--no-verify] A:T:L IMAGE\n");
+  if (!take_write_arguments(&burn, arguments, count, positional)) {
+    fprintf(err, "usage: aspitool write [--no-verify] [--multi] A:T:L IMAGE\n");
     return ASPITOOL_USAGE;
   }
   burn.path = positional[1];
   int result = aspitool_take_address(positional[0], &burn.address, err);
   if (result != ASPITOOL_OK) return result;
-  struct stat status;
-  burn.image = fopen(burn.path, "rb");
-  const int opened = burn.image != NULL && fstat(fileno(burn.image), &status) == 0;
-  if (!opened || !S_ISREG(status.st_mode)) {
-    fprintf(err, "aspitool: cannot read the image \"%s\": %s\n", burn.path,
-            opened ? "not a regular file" : strerror(errno));
-    if (burn.image != NULL) fclose(burn.image);
+  if (open_image(&burn, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  result = hold_drive(&burn.address, err);
+  if (result == ASPITOOL_OK) {
+    /* From here on a signal does not end the program: before the writing
+     * it keeps the disc blank, during it ends the writing (write_blocks). */
+    interrupted = 0;
+    catch_interrupts(1);
+    result = burn_image(&burn, out, err);
+    catch_interrupts(0);
+    release_drive(&burn.address);
+  }
+  fclose(burn.image);
+  return result;
+}
+
+/* ---- close ---- */
+
+static int close_held_disc(const AspitoolAddress* a, FILE* out, FILE* err) {
+  Medium medium;
+  if (read_medium(a, &medium, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  if (!medium.canWrite || medium.status == NO_DISC) {
+    fprintf(err, "aspitool: the drive at %u:%u:%u %s\n", a->adapter, a->target, a->lun,
+            medium.canWrite ? "holds no disc" : "cannot write discs");
     return ASPITOOL_FAILED;
   }
-  burn.bytes = (unsigned long long)status.st_size;
-  burn.blocks = (burn.bytes + BLOCK - 1) / BLOCK;
-  /* From here on SIGINT does not end the program: before the writing it
-   * keeps the disc blank, during it ends the writing (write_blocks). */
-  interrupted = 0;
-  catch_interrupt(1);
-  if (burn.blocks == 0)
-    fprintf(err, "aspitool: the image \"%s\" is empty: nothing to burn\n", burn.path);
-  else
-    result = burn_image(&burn, out, err);
-  catch_interrupt(0);
-  fclose(burn.image);
-  return burn.blocks == 0 ? ASPITOOL_FAILED : result;
+  if (medium.status == COMPLETE) {
+    fprintf(out, "the %s in %u:%u:%u is complete already: nothing to close\n", profile_name(medium.profile),
+            a->adapter, a->target, a->lun);
+    return ASPITOOL_OK;
+  }
+  if (finish_disc(a, medium.lastTrack, medium.profile, 1, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  if (read_medium(a, &medium, err) != ASPITOOL_OK) return ASPITOOL_FAILED;
+  fprintf(out, "closed the disc in %u:%u:%u: the drive reports it %s, %llu blocks (%.1f MiB) used\n", a->adapter,
+          a->target, a->lun, statusWords[medium.status], medium.used, MIB(medium.used));
+  return ASPITOOL_OK;
+}
+
+int aspitool_run_close(char** arguments, int count, FILE* out, FILE* err) {
+  (void)count;
+  AspitoolAddress address;
+  int result = aspitool_take_address(arguments[0], &address, err);
+  if (result == ASPITOOL_OK) result = hold_drive(&address, err);
+  if (result != ASPITOOL_OK) return result;
+  catch_interrupts(1); /* a close runs to its end */
+  result = close_held_disc(&address, out, err);
+  catch_interrupts(0);
+  release_drive(&address);
+  return result;
 }

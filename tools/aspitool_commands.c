@@ -58,6 +58,7 @@ static const char* sense_key_words(unsigned key) {
 static const char* additional_sense_words(unsigned char asc, unsigned char ascq) {
   switch (asc) {
     case 0x04: return ascq == 0x01 ? "becoming ready" : "not ready";
+    case 0x0C: return "write error";
     case 0x11: return "unrecovered read error";
     case 0x20: return "invalid command operation code";
     case 0x21: return "logical block address out of range";
@@ -749,21 +750,37 @@ static const Command commands[] = {
      "CONFIGURATION), its status (blank, appendable, complete, no disc; READ\n"
      "DISC INFORMATION), and the blocks of 2048 bytes in use (READ CAPACITY) and\n"
      "free to write (READ TRACK INFORMATION), each also in MiB." JSON_HELP, 1, 1, run_disc},
-    {"write", "[--no-verify] A:T:L IMAGE",
+    {"write", "[--no-verify] [--multi] A:T:L IMAGE",
      "Burns the file IMAGE (an ISO image) onto the blank DVD+R in the drive at\n"
-     "A:T:L. First it checks that the drive can write, holds a blank DVD+R (or\n"
-     "DVD+R DL; other discs are refused) and that the disc has room for the\n"
-     "image; an image whose size is not a multiple of 2048 bytes is padded with\n"
-     "zeros to the next block, which it says. It then writes the image from\n"
-     "block 0 with WRITE(10) in transfers no larger than the adapter's maximum,\n"
-     "synchronises the drive's cache (SYNCHRONIZE CACHE) and finishes the disc\n"
-     "(CLOSE TRACK, CLOSE SESSION). Last it reads the disc back and compares it\n"
-     "with the image, unless --no-verify is given. Progress (percent, MiB/s,\n"
-     "time left) goes to standard error; one closing line says what was burned\n"
-     "and whether the disc verified. A refusal or a failure says why, and after\n"
-     "a failed write what the disc now holds, and exits with 1. Interrupted\n"
-     "(Ctrl-C, SIGINT), it stops writing, still synchronises the cache, says\n"
-     "what the disc holds and exits with 1.", 2, 3, aspitool_run_write},
+     "A:T:L, holding the drive for itself from the first check to the last\n"
+     "command (exclusive mode): while another program holds it, write refuses\n"
+     "at once. It checks that the drive can write, holds a blank DVD+R (or DVD+R\n"
+     "DL) and that the disc has room for the image; an image whose size is not\n"
+     "a multiple of 2048 bytes is padded with zeros to the next block, which it\n"
+     "says. It writes the image from block 0 with WRITE(10) in transfers no\n"
+     "larger than the adapter's maximum, then closes the disc (\"closing the\n"
+     "disc ...\"): SYNCHRONIZE CACHE, CLOSE TRACK and CLOSE SESSION, each sent\n"
+     "with IMMED and followed until the drive is done, which takes up to a few\n"
+     "minutes on a real drive. By default the close finalizes the disc, which\n"
+     "every DVD drive reads; with --multi the session is closed and the disc\n"
+     "left appendable (a DVD+R takes further sessions; some DVD-ROM drives\n"
+     "read only the first). Last it reads the disc back and compares it with the\n"
+     "image, unless --no-verify is given. While the drive answers NOT READY\n"
+     "because it is busy (a long write or an operation in progress), each\n"
+     "command is sent again, for up to 15 minutes, and a wait longer than a few\n"
+     "seconds is told. Progress (percent, MiB/s, time left) goes to standard\n"
+     "error; one closing line says what was burned and whether the disc\n"
+     "verified. A refusal or a failure says why, and after a failed write what\n"
+     "the disc now holds, and exits with 1. Interrupted (SIGINT, SIGTERM or\n"
+     "SIGHUP), it stops writing, still synchronises the cache, says what the\n"
+     "disc holds and exits with 1: the track is left open, and aspitool close\n"
+     "finishes the disc. An interruption during the close does not stop the\n"
+     "close; it stops the read-back.", 2, 4, aspitool_run_write},
+    {"close", "A:T:L",
+     "Finishes the disc in the drive at A:T:L whose burn was cut short: holding\n"
+     "the drive like write, it synchronises the cache, closes the open track and\n"
+     "the session and finalizes the disc, so that what was written can be read.\n"
+     "A complete disc is left as it is.", 1, 1, aspitool_run_close},
     {"watch", "",
      "Prints each drive that arrives or goes away, as it happens, until\n"
      "interrupted (Ctrl-C, SIGINT or SIGTERM): \"arrived A:T:L VENDOR PRODUCT\"\n"

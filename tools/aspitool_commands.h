@@ -124,6 +124,11 @@ int aspitool_run_disc_json(char** arguments, int count, FILE* out, FILE* err);
 /* The burning commands (aspitool_burn.c). */
 int aspitool_run_disc(char** arguments, int count, FILE* out, FILE* err);
 int aspitool_run_write(char** arguments, int count, FILE* out, FILE* err);
+int aspitool_run_close(char** arguments, int count, FILE* out, FILE* err);
+
+/* How the burning commands wait for a busy drive; tests put a clock of
+ * their own here. */
+extern void (*aspitool_burn_pause)(double seconds);
 
 #ifdef __cplusplus
 }
