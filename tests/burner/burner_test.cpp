@@ -121,6 +121,10 @@ extern "C" {
 unsigned int SendASPI32Command(void* request) {
   auto* inquiry = static_cast<SRB_HAInquiry*>(request);
   if (inquiry->SRB_Cmd == SC_EXEC_SCSI_CMD) return Execute(static_cast<SRB_ExecSCSICmd*>(request)), SS_PENDING;
+  if (inquiry->SRB_Cmd == SC_GET_DEV_TYPE) {
+    static_cast<SRB_GDEVBlock*>(request)->SRB_DeviceType = 5;
+    return inquiry->SRB_Status = SS_COMP;
+  }
   inquiry->HA_Unique[6] = 1;  // 64 KiB a transfer: 32 blocks
   return inquiry->SRB_Status = SS_COMP;
 }
@@ -131,6 +135,10 @@ int ASPI_unsetExclusiveMode(int, int) { return drive->held ? (drive->held = fals
 void ASPI_putCallbacks(ASPI_Callbacks*) {}
 void SCSI_Done(void) {}
 const char* aspitool_adapter_kind(int) { return "real SCSI host"; }
+// The drive has no Linux nodes; the registry is the library's, which is not here.
+int aspitool_device_nodes(const AspitoolAddress*, AspitoolNodes* nodes) { return nodes->generic[0] = nodes->block[0] = 0; }
+int aspitool_registry_devices(void) { return 1; }
+int aspitool_find_node(const struct stat*, AspitoolAddress*) { return 0; }
 }
 
 namespace {
