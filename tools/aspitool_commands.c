@@ -180,6 +180,17 @@ static int take_node(const char* path, Address* address, FILE* err) {
   return ASPITOOL_FAILED;
 }
 
+/* A drive whose generic node another program holds open exclusively: the
+ * library neither registers it nor reaches it while the hold lasts. The
+ * IDE adapters take the ASPI numbers below the SCSI hosts'. */
+static int held_elsewhere(const Address* address) {
+  int ideAdapters = 0;
+  for (int adapter = 0; adapter < adapter_count(); ++adapter)
+    ideAdapters += strcmp(aspitool_adapter_kind(adapter), "IDE adapter") == 0;
+  return address->adapter >= ideAdapters &&
+         aspitool_scsi_node_held(address->adapter - ideAdapters, address->target, address->lun);
+}
+
 int aspitool_take_address(const char* text, Address* address, FILE* err) {
   if (text[0] == '/') return take_node(text, address, err);
   if (!parse_address(text, address)) {
@@ -189,12 +200,17 @@ int aspitool_take_address(const char* text, Address* address, FILE* err) {
   }
   const int count = adapter_count();
   unsigned char type;
-  if (address->adapter >= count)
+  if (address->adapter >= count) {
     fprintf(err, "aspitool: no host adapter %u: the library found %d\n", address->adapter, count);
-  else if (get_device_type(address, &type) == SS_NO_DEVICE)
-    fprintf(err, "aspitool: no device at %u:%u:%u\n", address->adapter, address->target, address->lun);
-  else
+  } else if (get_device_type(address, &type) != SS_NO_DEVICE) {
     return ASPITOOL_OK;
+  } else if (held_elsewhere(address)) {
+    fprintf(err, "aspitool: the drive at %u:%u:%u is in use by another program, which holds it: nothing was done\n",
+            address->adapter, address->target, address->lun);
+    return ASPITOOL_FAILED;
+  } else {
+    fprintf(err, "aspitool: no device at %u:%u:%u\n", address->adapter, address->target, address->lun);
+  }
   aspitool_explain_unseen(err, aspitool_registry_devices());
   return ASPITOOL_FAILED;
 }

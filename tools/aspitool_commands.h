@@ -102,6 +102,9 @@ typedef struct {
 int aspitool_device_nodes(const AspitoolAddress* address, AspitoolNodes* nodes);
 /* Devices in the library's registry. */
 int aspitool_registry_devices(void);
+/* Whether another program holds open exclusively the generic node of the
+ * Linux SCSI device host:0:target:lun (aspitool_unseen.c). */
+int aspitool_scsi_node_held(int host, int target, int lun);
 struct stat;
 /* The address of the device whose generic or block node node is; 0 when
  * the library reaches no such device. */

@@ -159,3 +159,13 @@ int aspitool_explain_unseen(FILE* err, int seen) {
     fprintf(err, "aspitool: cannot open %s: %s\n", survey.unreachable, strerror(survey.lastErrno));
   return survey.drives;
 }
+
+int aspitool_scsi_node_held(int host, int target, int lun) {
+  char path[128], name[256], node[272];
+  snprintf(path, sizeof path, SCSI_DEVICES "/%d:0:%d:%d/scsi_generic", host, target, lun);
+  if (!first_entry(path, name, sizeof name)) return 0;
+  snprintf(node, sizeof node, "/dev/%s", name);
+  const int fd = open(node, O_RDWR | O_NONBLOCK);
+  if (fd >= 0) close(fd);
+  return fd < 0 && errno == EBUSY;
+}
