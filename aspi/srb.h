@@ -1,9 +1,29 @@
 /* ASPI for Win32 request blocks, codes and entry points, as an application
  * written against that interface fills and calls them.
  *
- * The records are a binary interface shared with applications: 32-bit x86,
- * little-endian, 4-byte pointers, no padding. Every offset is pinned below.
- * This header compiles as C and as C++. */
+ * The records are a binary interface shared with applications: little-endian,
+ * no padding, each field right after the one before. On 32-bit x86 they are
+ * the interface's own, with 4-byte pointers. On x86_64 (LP64) they keep the
+ * same fields in the same order, packed the same way, and each pointer field
+ * is 8 bytes, so that only SRB_ExecSCSICmd moves from SRB_SenseLen on:
+ *
+ *   SRB_ExecSCSICmd field  i386 offset  x86_64 offset  size (i386/x86_64)
+ *   SRB_Cmd ... SRB_Rsvd1  0 to 10      0 to 10        as declared
+ *   SRB_BufLen             12           12             4
+ *   SRB_BufPointer         16           16             4 / 8
+ *   SRB_SenseLen           20           24             1
+ *   SRB_CDBLen             21           25             1
+ *   SRB_HaStat             22           26             1
+ *   SRB_TargStat           23           27             1
+ *   SRB_PostProc           24           28             4 / 8 (not aligned)
+ *   SRB_Rsvd2              28           36             20
+ *   CDBByte                48           56             16
+ *   SenseArea              64           72             16
+ *   the record             80 bytes     88 bytes
+ *
+ * SRB_HAInquiry (60 bytes) and SRB_GDEVBlock (12 bytes) hold no pointer and
+ * are the same on both. Every offset is pinned below. This header compiles
+ * as C and as C++. */
 #ifndef KAVOASPI_ASPI_SRB_H
 #define KAVOASPI_ASPI_SRB_H
 
@@ -107,7 +127,7 @@ typedef struct ASPI_Callbacks {
 #define KAVO_SRB_STATIC_ASSERT(condition, what) _Static_assert(condition, what)
 #endif
 
-#if defined(__i386__)
+#if defined(__i386__) || defined(__x86_64__)
 #define KAVO_SRB_AT(type, field, offset) \
   KAVO_SRB_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field " at " #offset)
 KAVO_SRB_AT(SRB_HAInquiry, SRB_Cmd, 0);
@@ -122,7 +142,6 @@ KAVO_SRB_AT(SRB_HAInquiry, HA_Identifier, 26);
 KAVO_SRB_AT(SRB_HAInquiry, HA_Unique, 42);
 KAVO_SRB_AT(SRB_HAInquiry, HA_Rsvd1, 58);
 KAVO_SRB_STATIC_ASSERT(sizeof(SRB_HAInquiry) == 60, "SRB_HAInquiry is 60 bytes");
-
 KAVO_SRB_AT(SRB_GDEVBlock, SRB_Cmd, 0);
 KAVO_SRB_AT(SRB_GDEVBlock, SRB_Status, 1);
 KAVO_SRB_AT(SRB_GDEVBlock, SRB_HaId, 2);
@@ -144,6 +163,7 @@ KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Lun, 9);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Rsvd1, 10);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_BufLen, 12);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_BufPointer, 16);
+#if defined(__i386__)
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_SenseLen, 20);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_CDBLen, 21);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_HaStat, 22);
@@ -153,6 +173,17 @@ KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Rsvd2, 28);
 KAVO_SRB_AT(SRB_ExecSCSICmd, CDBByte, 48);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SenseArea, 64);
 KAVO_SRB_STATIC_ASSERT(sizeof(SRB_ExecSCSICmd) == 80, "SRB_ExecSCSICmd is 80 bytes");
+#else
+KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_SenseLen, 24);
+KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_CDBLen, 25);
+KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_HaStat, 26);
+KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_TargStat, 27);
+KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_PostProc, 28);
+KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Rsvd2, 36);
+KAVO_SRB_AT(SRB_ExecSCSICmd, CDBByte, 56);
+KAVO_SRB_AT(SRB_ExecSCSICmd, SenseArea, 72);
+KAVO_SRB_STATIC_ASSERT(sizeof(SRB_ExecSCSICmd) == 88, "SRB_ExecSCSICmd is 88 bytes");
+#endif
 #undef KAVO_SRB_AT
 #endif
 

@@ -1,4 +1,5 @@
-// Burns on the VM's DVD+R writers (tgt's MMC emulation, blank discs at 0:5:0 and 0:7:0) through
+// Burns on the VM's DVD+R writers (tgt's MMC emulation, blank discs at 0:5:0 and 0:7:0 for the
+// 32-bit program, 0:6:0 for the 64-bit one, which burns only beside the reads) through
 // the public header: one table of requests, run as a burn alone and while another thread reads the
 // CD drive (scenario-aspitool's burns hold their writer exclusively). The emulation answers a missing data phase GOOD and
 // refuses READ before the close, so the read-back after the close proves what landed.
@@ -121,14 +122,19 @@ int ReadsOfTheCdDrive(std::atomic<bool>* stop, std::atomic<int>* reads) {
 
 int main() {
   signal(SIGALRM, NoAnswer);
+#if defined(__x86_64__)
+  const int beside = 6;
+#else
+  const int beside = 7;
   Burn("alone", 5);
+#endif
   std::atomic<bool> stop(false);
   std::atomic<int> reads(0);
   int wrong = 0;
   std::thread reader([&] { wrong = ReadsOfTheCdDrive(&stop, &reads); });
   current = "a first read of the CD drive", alarm(40);
   while (reads == 0) usleep(1000);  // the burn starts among the reads
-  Burn("while another thread reads the CD drive", 7);
+  Burn("while another thread reads the CD drive", beside);
   stop = true;
   reader.join();
   printf(wrong == 0 ? "ok - %s (%d reads)\n" : "not ok - %s: %d reads, wrong %d\n",
