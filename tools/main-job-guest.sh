@@ -6,7 +6,7 @@
 disc=/opt/kavo/disc.iso
 
 echo
-echo "libKavoASPI (32-bit) on Linux $(uname -r): two CD drives on a virtio SCSI host, one"
+echo "libKavoASPI (32-bit, and 64-bit) on Linux $(uname -r): two CD drives on a virtio SCSI host, one"
 echo "holding a test disc of $DISC_SECTORS sectors, the other empty; an ATAPI DVD drive"
 echo "on a PIIX IDE controller holding the same disc; on the virtio SCSI host, DVD+R"
 echo "writers holding blank discs (Linux's SCSI target emulating MMC drives, over iSCSI)."
@@ -14,6 +14,11 @@ echo
 echo "== aspitool scan: host adapters and devices reached through ASPI"
 aspitool scan | tee /tmp/scan || exit 1
 drives=$(sed -n 's/^  \([0-9]*:[0-9]*:[0-9]*\)  .*/\1/p' /tmp/scan)
+echo
+echo "== the 64-bit aspitool scan, through the 64-bit library, compared with the 32-bit one"
+/opt/kavo/bin64/aspitool scan > /tmp/scan64 || exit 1
+if cmp -s /tmp/scan /tmp/scan64; then echo "  the same $(grep -c '^  [0-9]' /tmp/scan64) devices at the same addresses, line for line"
+else diff /tmp/scan /tmp/scan64; exit 1; fi
 
 # Progress goes to standard error, redrawn in place on a terminal such as
 # this console: through a pipe it comes as plain lines, fit for a log.
