@@ -87,20 +87,30 @@ struct Probe {
   Probe* inner = nullptr;    // started and destroyed from within
   std::atomic<CThread*> self{nullptr};
   CThread* parent = nullptr;
-  std::atomic<bool> finished{false};
+  std::atomic<int> stage{0};  // 1 its function is done, 2 its thread's exit began, 3 that exit is done
+};
+
+// The last step of a thread's exit, after EndThread: a thread-local's destructor, 50 ms long.
+struct LastStep {
+  Probe* probe = nullptr;
+  ~LastStep() { probe->stage = 2, std::this_thread::sleep_for(milliseconds(50)), probe->stage = 3; }
 };
 
 unsigned int RunProbe(void* argument) {
   Probe* probe = static_cast<Probe*>(argument);
+  thread_local LastStep last;
+  last.probe = probe;
   probe->self = CThread::GetThread();
   probe->parent = probe->self.load()->GetParentThread();
   if (probe->inner != nullptr) delete CThreadingBeginThread(RunProbe, probe->inner, 0, 0, 0);
   std::this_thread::sleep_for(milliseconds(100));
-  probe->finished = true;
+  probe->stage = 1;
   if (probe->endWith != 0) CThread::EndThread(probe->endWith);
   return 7;
 }
 
+// Once its thread's exit has begun, the exit code comes only when the thread has ended (joined),
+// also a code of 1, the value that tells a running thread.
 TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
   EXPECT_EQ(nullptr, CThread::GetThread());
   enum { kPlain, kNested, kHeld, kDestroyedAtOnce };
@@ -109,19 +119,22 @@ TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
       {"started held", kHeld, 0},       {"starts one of its own", kNested, 0},
       {"destroyed while running", kDestroyedAtOnce, 0}};
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
     Probe inner, probe{row.endWith, row.how == kNested ? &inner : nullptr};
     CThread* thread = CThreadingBeginThread(RunProbe, &probe, 0, 0, row.how == kHeld ? 1 : 2);
     if (row.how == kHeld) std::this_thread::sleep_for(milliseconds(100));
     EXPECT_TRUE(row.how != kHeld || (probe.self == nullptr && thread->ResumeThread() == 0)) << "held until resumed";
-    const unsigned int exitCode = row.how == kDestroyedAtOnce ? 1 : row.endWith;  // 1: still running
     unsigned int code = 0;
-    EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1 && thread->SetThreadPriority(3) == 1) << row.what;
-    while (row.how != kDestroyedAtOnce && (!probe.finished || (exitCode != 1 && code == 1)))
+    EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1 && thread->SetThreadPriority(3) == 1);
+    if (row.how != kDestroyedAtOnce) {
+      while (probe.stage < 2) std::this_thread::yield();
       thread->GetExitCodeThread(&code);
+      EXPECT_EQ(3, probe.stage.load()) << "the exit code came before the thread's end";
+    }
     delete thread;  // waits for a running thread
-    EXPECT_EQ(exitCode, code) << row.what;
-    EXPECT_TRUE(probe.finished && probe.self == thread && probe.parent == nullptr) << row.what;
-    EXPECT_EQ(row.how == kNested ? thread : nullptr, inner.parent) << row.what;
+    EXPECT_EQ(row.how == kDestroyedAtOnce ? 1 : row.endWith, code);
+    EXPECT_TRUE(probe.stage == 3 && probe.self == thread && probe.parent == nullptr);
+    EXPECT_EQ(row.how == kNested ? thread : nullptr, inner.parent);
   }
 }
 
