@@ -38,20 +38,6 @@ TEST(Sync, StepsOfEachObject) {
   EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1}), steps);
 }
 
-// A thread's id is its own: the same at each call, another thread's differs; on
-// 32-bit x86 it is pthread_self().
-TEST(Thread, CurrentIdIsTheThreadsOwn) {
-  const unsigned int mine = GetCurrentThreadId();
-  unsigned int other[2] = {0, 0};
-  std::thread([&] { other[0] = GetCurrentThreadId(), other[1] = GetCurrentThreadId(); }).join();
-  EXPECT_EQ(mine, GetCurrentThreadId());
-  EXPECT_EQ(other[0], other[1]);
-  EXPECT_NE(mine, other[0]);
-#if defined(__i386__)
-  EXPECT_EQ(static_cast<unsigned int>(pthread_self()), mine);
-#endif
-}
-
 using std::chrono::milliseconds;
 
 // Each timed wait of its rows ends with 0 at its deadline on the seam's clock, not sooner,
@@ -88,6 +74,7 @@ struct Probe {
   std::atomic<CThread*> self{nullptr};
   CThread* parent = nullptr;
   std::atomic<int> stage{0};  // 1 its function is done, 2 its thread's exit began, 3 that exit is done
+  unsigned int ids[2] = {0, 0};  // GetCurrentThreadId at its start and its end
 };
 
 // The last step of a thread's exit, after EndThread: a thread-local's destructor, 50 ms long.
@@ -100,19 +87,25 @@ unsigned int RunProbe(void* argument) {
   Probe* probe = static_cast<Probe*>(argument);
   thread_local LastStep last;
   last.probe = probe;
+  probe->ids[0] = GetCurrentThreadId();
+#if defined(__i386__)
+  EXPECT_EQ(static_cast<unsigned int>(pthread_self()), probe->ids[0]) << "on 32-bit x86 the id is pthread_self()";
+#endif
   probe->self = CThread::GetThread();
   probe->parent = probe->self.load()->GetParentThread();
   if (probe->inner != nullptr) delete CThreadingBeginThread(RunProbe, probe->inner, 0, 0, 0);
   std::this_thread::sleep_for(milliseconds(100));
+  probe->ids[1] = GetCurrentThreadId();
   probe->stage = 1;
   if (probe->endWith != 0) CThread::EndThread(probe->endWith);
   return 7;
 }
 
 // Once its thread's exit has begun, the exit code comes only when the thread has ended (joined),
-// also a code of 1, the value that tells a running thread.
-TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
+// also a code of 1, the value that tells a running thread. A thread's id is its own.
+TEST(Thread, HeldStartExitCodeOwnObjectParentIdAndTheWaitOnDestruction) {
   EXPECT_EQ(nullptr, CThread::GetThread());
+  const unsigned int mine = GetCurrentThreadId();
   enum { kPlain, kNested, kHeld, kDestroyedAtOnce };
   const struct { const char* what; int how; unsigned int endWith; } rows[] = {
       {"returns 7", kPlain, 0},         {"EndThread(5)", kPlain, 5},          {"EndThread(1)", kPlain, 1},
@@ -135,7 +128,10 @@ TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
     EXPECT_EQ(row.how == kDestroyedAtOnce ? 1 : row.endWith, code);
     EXPECT_TRUE(probe.stage == 3 && probe.self == thread && probe.parent == nullptr);
     EXPECT_EQ(row.how == kNested ? thread : nullptr, inner.parent);
+    EXPECT_EQ(probe.ids[0], probe.ids[1]);
+    EXPECT_NE(mine, probe.ids[0]);
   }
+  EXPECT_EQ(mine, GetCurrentThreadId());
 }
 
 }  // namespace
