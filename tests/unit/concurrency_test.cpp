@@ -2,6 +2,7 @@
 // pause starts the competing work at the moment the race needs. tests/run-all
 // runs them under drd too, which catches the unordered adapter counts.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -68,35 +69,46 @@ TEST(Concurrency, AdapterCountsReadDuringABuild) {
   EXPECT_EQ((std::vector<int>{2, 1, 0}), seen);
 }
 
-// Two more SCSI_Done calls while the first stops the monitor (started from its
-// pause at the stop request), then one more: all return, within 10 s.
-TEST(Concurrency, ConcurrentAndRepeatedDoneAllReturn) {
+// A child forked while the monitor waits in its pause stops none (its SCSI_Done returns
+// at once); the parent still stops its own. Two more SCSI_Done calls while the first
+// stops the monitor (started from its pause at the stop request) return only once it
+// has ended; then one more. All return within 10 s.
+TEST(Concurrency, DoneAfterAForkAndConcurrentDonesReturnOnceTheMonitorEnded) {
   fixture::FixtureWorld world;
   world.Load("drives");
   std::atomic<int> returned(0);
   auto done = [&returned] { SCSI_Done(), ++returned; };
   Competitor second(done), third(done);
+  int early = -1;  // SCSI_Done calls that returned while the monitor was still in its pause
   world.sleepHook = [&](unsigned long calls) {
     while (calls == 1 && MonitorStopRequest.load() == 0) std::this_thread::yield();
-    if (calls == 1) second.Start(200), third.Start(200);
+    if (calls == 1) early = second.Start(200) + third.Start(200);
   };
   world.threadsAllowed = true;
   SCSI_Init();
   while (world.sleepCalls == 0) std::this_thread::yield();  // the monitor waits in its pause
+  const pid_t child = fork();
+  if (child == 0) alarm(10), SCSI_Done(), _exit(0);
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status) << "the child's SCSI_Done returned";
   std::thread first(done);
   for (int waited = 0; waited < 1000 && returned < 3; ++waited) usleep(10000);
   if (returned != 3) fprintf(stderr, "only %d of 3 SCSI_Done calls returned\n", returned.load()), _exit(1);
   first.join();
+  EXPECT_EQ(0, early);
   done();
 }
 
-// A monitor that cannot start (the world refuses threads) keeps no first snapshot of drive A.
-TEST(Concurrency, FirstSnapshotDroppedWhenTheMonitorCannotStart) {
+// A monitor that cannot start (the world refuses threads, leaving this thread's id in the
+// handle) keeps no first snapshot of drive A, and SCSI_Done elsewhere joins nothing.
+TEST(Concurrency, MonitorThatCannotStartKeepsNoSnapshotAndIsNotJoined) {
   fixture::FixtureWorld world;
   world.Load("ide_and_scsi"), world.Load("hotplug/a");
   SCSI_Init();
   EXPECT_TRUE(SysBlockDeviceList.empty());
-  SCSI_ResetDiscoveryState();
+  Competitor done([] { SCSI_Done(); });
+  if (!done.Start(5000)) fprintf(stderr, "SCSI_Done joined a monitor that never started\n"), _exit(1);
 }
 
 }  // namespace

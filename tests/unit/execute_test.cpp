@@ -186,6 +186,28 @@ TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
   EXPECT_EQ("01 00 AA", Run());
 }
 
+// A drive held at one node lends its descriptor only to requests for that node, however
+// the other nodes' names begin: sg1 (target 1) and sg10 (target 0) of "many_generic".
+TEST(HeldDescriptor, ServesOnlyRequestsForItsOwnNode) {
+  for (const unsigned char held : {0, 1}) {
+    fixture::FixtureWorld world;
+    fixture::BuildRegistry(world, "many_generic");
+    g_world = &world;
+    ASSERT_EQ(0, ASPI_setExclusiveMode(0, held));
+    std::string reached;
+    for (const unsigned char target : {0, 1}) {
+      Request request = {};
+      Address(request.srb, 0, kTur, 0), request.srb.SRB_Target = target;
+      ASPI_ExecuteSRB(&request.srb);
+      for (const char* node : {"/dev/sg10", "/dev/sg1"})
+        reached += std::to_string(fixture::DriveAt(world, node).Commands().size());
+    }
+    EXPECT_EQ("1011", reached) << "sg10 then sg1, each after a request for target 0 and for target 1; held: "
+                               << int(held);
+    ASPI_unsetExclusiveMode(0, held);
+  }
+}
+
 // A READ(10) of bufLen bytes at lba.
 void Fill(Request& request, unsigned char adapter, unsigned int lba, unsigned int bufLen, unsigned char* data) {
   memset(&request, 0, sizeof request);

@@ -38,20 +38,6 @@ TEST(Sync, StepsOfEachObject) {
   EXPECT_EQ((std::vector<int>{0, 1, 1, 0, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 1, 0, 1}), steps);
 }
 
-// A thread's id is its own: the same at each call, another thread's differs; on
-// 32-bit x86 it is pthread_self().
-TEST(Thread, CurrentIdIsTheThreadsOwn) {
-  const unsigned int mine = GetCurrentThreadId();
-  unsigned int other[2] = {0, 0};
-  std::thread([&] { other[0] = GetCurrentThreadId(), other[1] = GetCurrentThreadId(); }).join();
-  EXPECT_EQ(mine, GetCurrentThreadId());
-  EXPECT_EQ(other[0], other[1]);
-  EXPECT_NE(mine, other[0]);
-#if defined(__i386__)
-  EXPECT_EQ(static_cast<unsigned int>(pthread_self()), mine);
-#endif
-}
-
 using std::chrono::milliseconds;
 
 // Each timed wait of its rows ends with 0 at its deadline on the seam's clock, not sooner,
@@ -87,42 +73,65 @@ struct Probe {
   Probe* inner = nullptr;    // started and destroyed from within
   std::atomic<CThread*> self{nullptr};
   CThread* parent = nullptr;
-  std::atomic<bool> finished{false};
+  std::atomic<int> stage{0};  // 1 its function is done, 2 its thread's exit began, 3 that exit is done
+  unsigned int ids[2] = {0, 0};  // GetCurrentThreadId at its start and its end
+};
+
+// The last step of a thread's exit, after EndThread: a thread-local's destructor, 50 ms long.
+struct LastStep {
+  Probe* probe = nullptr;
+  ~LastStep() { probe->stage = 2, std::this_thread::sleep_for(milliseconds(50)), probe->stage = 3; }
 };
 
 unsigned int RunProbe(void* argument) {
   Probe* probe = static_cast<Probe*>(argument);
+  thread_local LastStep last;
+  last.probe = probe;
+  probe->ids[0] = GetCurrentThreadId();
+#if defined(__i386__)
+  EXPECT_EQ(static_cast<unsigned int>(pthread_self()), probe->ids[0]) << "on 32-bit x86 the id is pthread_self()";
+#endif
   probe->self = CThread::GetThread();
   probe->parent = probe->self.load()->GetParentThread();
   if (probe->inner != nullptr) delete CThreadingBeginThread(RunProbe, probe->inner, 0, 0, 0);
   std::this_thread::sleep_for(milliseconds(100));
-  probe->finished = true;
+  probe->ids[1] = GetCurrentThreadId();
+  probe->stage = 1;
   if (probe->endWith != 0) CThread::EndThread(probe->endWith);
   return 7;
 }
 
-TEST(Thread, HeldStartExitCodeOwnObjectParentAndTheWaitOnDestruction) {
+// Once its thread's exit has begun, the exit code comes only when the thread has ended (joined),
+// also a code of 1, the value that tells a running thread. A thread's id is its own.
+TEST(Thread, HeldStartExitCodeOwnObjectParentIdAndTheWaitOnDestruction) {
   EXPECT_EQ(nullptr, CThread::GetThread());
+  const unsigned int mine = GetCurrentThreadId();
   enum { kPlain, kNested, kHeld, kDestroyedAtOnce };
   const struct { const char* what; int how; unsigned int endWith; } rows[] = {
       {"returns 7", kPlain, 0},         {"EndThread(5)", kPlain, 5},          {"EndThread(1)", kPlain, 1},
       {"started held", kHeld, 0},       {"starts one of its own", kNested, 0},
       {"destroyed while running", kDestroyedAtOnce, 0}};
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
     Probe inner, probe{row.endWith, row.how == kNested ? &inner : nullptr};
     CThread* thread = CThreadingBeginThread(RunProbe, &probe, 0, 0, row.how == kHeld ? 1 : 2);
     if (row.how == kHeld) std::this_thread::sleep_for(milliseconds(100));
     EXPECT_TRUE(row.how != kHeld || (probe.self == nullptr && thread->ResumeThread() == 0)) << "held until resumed";
-    const unsigned int exitCode = row.how == kDestroyedAtOnce ? 1 : row.endWith;  // 1: still running
     unsigned int code = 0;
-    EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1 && thread->SetThreadPriority(3) == 1) << row.what;
-    while (row.how != kDestroyedAtOnce && (!probe.finished || (exitCode != 1 && code == 1)))
+    EXPECT_TRUE(thread->GetExitCodeThread(&code) == 1 && code == 1 && thread->SetThreadPriority(3) == 1);
+    if (row.how != kDestroyedAtOnce) {
+      while (probe.stage < 2) std::this_thread::yield();
       thread->GetExitCodeThread(&code);
+      EXPECT_EQ(3, probe.stage.load()) << "the exit code came before the thread's end";
+    }
     delete thread;  // waits for a running thread
-    EXPECT_EQ(exitCode, code) << row.what;
-    EXPECT_TRUE(probe.finished && probe.self == thread && probe.parent == nullptr) << row.what;
-    EXPECT_EQ(row.how == kNested ? thread : nullptr, inner.parent) << row.what;
+    EXPECT_EQ(row.how == kDestroyedAtOnce ? 1 : row.endWith, code);
+    EXPECT_TRUE(probe.stage == 3 && probe.self == thread && probe.parent == nullptr);
+    EXPECT_EQ(row.how == kNested ? thread : nullptr, inner.parent);
+    EXPECT_EQ(probe.ids[0], probe.ids[1]);
+    EXPECT_NE(mine, probe.ids[0]);
   }
+  EXPECT_EQ(mine, GetCurrentThreadId());
 }
 
 }  // namespace
