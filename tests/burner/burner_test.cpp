@@ -1,8 +1,5 @@
-// aspitool's burner (write, close) against a scripted drive: the tool's C
-// code linked with this file in place of the ASPI entry points. The drive
-// is a DVD+R writer that stores what it is given; each case, a file under
-// data/, sets up its disc, scripts where the drive departs from a smooth
-// burn, runs one command and names what must follow.
+// aspitool's burner (write, close), linked with this file for the ASPI entry points: a DVD+R writer that
+// stores what it is given. Each data/*.case sets up the disc, scripts departures, runs and names the results.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -62,8 +59,7 @@ std::string Name(const unsigned char* cdb) {
 
 int RunAspitool(std::vector<std::string> args, std::string* out, std::string* err);
 
-// A scripted sense "K/ASC/ASCQ" is the answer; "signal N" and
-// "second-burner" happen before the usual answer.
+// A scripted "K/ASC/ASCQ" is the answer; "signal N" and "second-burner" come before the usual one.
 bool FollowScript(SRB_ExecSCSICmd* srb, const std::string& kind, int count) {
   for (const Scripted& row : drive->script) {
     if (row.kind != kind || count < row.first || count >= row.first + row.times) continue;
