@@ -1,11 +1,11 @@
 // aspitool's burner (write, close), linked with this file for the ASPI entry points: a DVD+R writer that
 // stores what it is given. Each data/*.case sets up the disc, scripts departures, runs and names the results.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -177,11 +177,8 @@ std::string Order(const std::vector<std::string>& trace) {
 
 std::vector<std::string> CaseNames() {
   std::vector<std::string> names;
-  DIR* dir = opendir(KAVO_BURNER_DATA_DIR);
-  for (dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;)
-    if (std::string name = entry->d_name; name.size() > 5 && name.substr(name.size() - 5) == ".case")
-      names.push_back(name.substr(0, name.size() - 5));
-  if (dir != nullptr) closedir(dir);
+  for (const auto& entry : std::filesystem::directory_iterator(KAVO_BURNER_DATA_DIR))
+    if (entry.path().extension() == ".case") names.push_back(entry.path().stem().string());
   std::sort(names.begin(), names.end());
   return names;
 }
