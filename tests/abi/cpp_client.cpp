@@ -1,7 +1,5 @@
-// A C++ application built only against the installed headers, using the exported classes
-// as ASPI programs do: its own event for SRB_EVENT_NOTIFY, the string class, a bounded function,
-// and its own text for adapters without a name, stored into the library's exported pointer
-// (built without PIE, the pointer is the application's copy, which the library must read).
+// A C++ application on the installed headers: its own event for SRB_EVENT_NOTIFY, the string class, a bounded
+// function, its own text for unnamed adapters in the exported pointer (without PIE: the application's copy).
 #include <stdio.h>
 #include <string.h>
 

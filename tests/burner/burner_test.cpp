@@ -1,14 +1,11 @@
-// aspitool's burner (write, close) against a scripted drive: the tool's C
-// code linked with this file in place of the ASPI entry points. The drive
-// is a DVD+R writer that stores what it is given; each case, a file under
-// data/, sets up its disc, scripts where the drive departs from a smooth
-// burn, runs one command and names what must follow.
-#include <dirent.h>
+// aspitool's burner (write, close), linked with this file for the ASPI entry points: a DVD+R writer that
+// stores what it is given. Each data/*.case sets up the disc, scripts departures, runs and names the results.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -62,8 +59,7 @@ std::string Name(const unsigned char* cdb) {
 
 int RunAspitool(std::vector<std::string> args, std::string* out, std::string* err);
 
-// A scripted sense "K/ASC/ASCQ" is the answer; "signal N" and
-// "second-burner" happen before the usual answer.
+// A scripted "K/ASC/ASCQ" is the answer; "signal N" and "second-burner" come before the usual one.
 bool FollowScript(SRB_ExecSCSICmd* srb, const std::string& kind, int count) {
   for (const Scripted& row : drive->script) {
     if (row.kind != kind || count < row.first || count >= row.first + row.times) continue;
@@ -181,11 +177,8 @@ std::string Order(const std::vector<std::string>& trace) {
 
 std::vector<std::string> CaseNames() {
   std::vector<std::string> names;
-  DIR* dir = opendir(KAVO_BURNER_DATA_DIR);
-  for (dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;)
-    if (std::string name = entry->d_name; name.size() > 5 && name.substr(name.size() - 5) == ".case")
-      names.push_back(name.substr(0, name.size() - 5));
-  if (dir != nullptr) closedir(dir);
+  for (const auto& entry : std::filesystem::directory_iterator(KAVO_BURNER_DATA_DIR))
+    if (entry.path().extension() == ".case") names.push_back(entry.path().stem().string());
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -1,6 +1,5 @@
-// Two threads making the very first ASPI call at once: the second waits
-// until the first has built the registry, which is built once. A process of
-// its own, since the initialisation happens once per process.
+// Two threads making the first ASPI call at once: the registry is built once, before either returns. A
+// process of its own: initialisation happens once per process.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,7 +1,5 @@
-# In the guest: every scenario program with a time limit, the 32-bit ones
-# and scripts (/opt/kavo/bin), then the 64-bit ones (/opt/kavo/bin64); one
-# that dies or hangs without a "not ok" line gets one. tests/system/run
-# counts the lines.
+# In the guest: each scenario, 32-bit and scripts then 64-bit, timed; one that dies or hangs without a
+# "not ok" line gets one.
 for program in /opt/kavo/bin/scenario-* /opt/kavo/bin64/scenario-*; do
   [ -e "$program" ] || continue
   name=${program#/opt/kavo/}

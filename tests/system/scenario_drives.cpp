@@ -28,8 +28,7 @@ void Check(const char* what, int got, int expected) {
   failures += got != expected;
 }
 
-// tools/vm's drives with the disc: a CD drive on virtio_scsi (host 0), a DVD drive on
-// ata_piix (host 2). Without IDE adapters the ASPI adapter number is the Linux host number.
+// The CD drive on virtio_scsi (host 0), the DVD drive on ata_piix (host 2); ASPI adapter N is host N.
 struct Drive { int host, target; char generic[32], block[32]; };  // the nodes: /dev/sgN, /dev/srN
 Drive scsi{0, 0, "", ""}, atapi{2, 0, "", ""};
 
@@ -79,10 +78,8 @@ int WrongRead(const Drive& drive, unsigned lba, bool mustComplete) {
   return srb.SRB_Status != SS_COMP ? mustComplete : !IsDisc(got, lba);
 }
 
-// Wrong reads by two threads on the CD drive and one on the DVD drive (which must all
-// complete) while the CD drive is taken and released 300 times. Each reads its own sectors:
-// a held drive's one descriptor hands a reply to whichever thread reads first; the
-// device's lock pairs them.
+// Wrong reads by two threads on the CD drive and one on the DVD drive (all must complete) while the CD
+// drive is taken and released 300 times: a held drive's one descriptor needs the device's lock to pair replies.
 int ReadsWhileTaking() {
   std::atomic<int> wrong(0);
   std::atomic<bool> stop(false);
@@ -128,8 +125,7 @@ int ShortCommandOnAHeldDrive() {
   return (held != 0) + WrongRead(scsi, dataLba, true) + (ASPI_unsetExclusiveMode(scsi.host, scsi.target) != 0);
 }
 
-// Another program holds the DVD drive, for which the generic driver makes an open without
-// O_NONBLOCK wait. It lets go after 5 s: a library that waits shows as a late completion.
+// Another program holds the DVD drive (an open without O_NONBLOCK waits) and lets go after 5 s.
 int ADriveAnotherProgramHolds() {
   int ready[2];
   if (pipe(ready) != 0) return 1;

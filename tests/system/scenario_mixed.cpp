@@ -1,6 +1,5 @@
-// A 32-bit and a 64-bit program on the same drives: built for each architecture, this program
-// runs the other architecture's aspitool beside itself. Both number the drives alike, and a
-// drive this one holds in exclusive mode keeps the other's requests out until it is released.
+// Beside the other architecture's aspitool: both number the drives alike, and a drive this one holds
+// keeps the other out until released.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

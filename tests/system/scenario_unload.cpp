@@ -1,6 +1,5 @@
-// The library loaded with dlopen (as LoadLibrary maps to it), the CD drive worked, and
-// unloaded, in main or from an atexit handler, while the monitor is in each part of its
-// cycle. Each row is a child process that must be gone within 5 s of the unload.
+// dlopen, work the CD drive, unload (in main or atexit) with the monitor in each part of its cycle: each row a
+// child that must be gone within 5 s of the unload.
 #include <dlfcn.h>
 #include <signal.h>
 #include <stdio.h>

@@ -1,8 +1,6 @@
-// Burns on the VM's DVD+R writers (tgt's MMC emulation, blank discs at 0:5:0 and 0:7:0 for the
-// 32-bit program, 0:6:0 for the 64-bit one, which burns only beside the reads) through
-// the public header: one table of requests, run as a burn alone and while another thread reads the
-// CD drive (scenario-aspitool's burns hold their writer exclusively). The emulation answers a missing data phase GOOD and
-// refuses READ before the close, so the read-back after the close proves what landed.
+// Burns on tgt's DVD+R writers (0:5:0 alone and 0:7:0 beside reads of the CD drive for the 32-bit program,
+// 0:6:0 beside them for the 64-bit one). tgt answers a missing data phase GOOD and refuses READ before the
+// close, so the read-back after the close proves what landed.
 #include <signal.h>
 #include <unistd.h>
 

@@ -1,6 +1,5 @@
-// Races caught every run: a drive's exchange, a node's open or the monitor's
-// pause starts the competing work at the moment the race needs. tests/run-all
-// runs them under drd too, which catches the unordered adapter counts.
+// Races caught every run: an exchange, an open or a pause starts the competing work at the moment the
+// race needs. Under drd (tests/run-all) the unordered adapter counts show too.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,9 +16,8 @@
 
 namespace {
 
-// Work on a thread started ahead and handed over through atomics only, so a
-// race detector sees it as concurrent with its starter. Start waits for its
-// end, at most patience (ms); true when it ended.
+// Work on a thread started ahead, handed over through atomics only so a race detector sees it as
+// concurrent; Start waits at most patience (ms) for its end.
 struct Competitor {
   explicit Competitor(std::function<void()> work)
       : thread([this, work] {
@@ -69,10 +67,8 @@ TEST(Concurrency, AdapterCountsReadDuringABuild) {
   EXPECT_EQ((std::vector<int>{2, 1, 0}), seen);
 }
 
-// A child forked while the monitor waits in its pause stops none (its SCSI_Done returns
-// at once); the parent still stops its own. Two more SCSI_Done calls while the first
-// stops the monitor (started from its pause at the stop request) return only once it
-// has ended; then one more. All return within 10 s.
+// A forked child's SCSI_Done stops no monitor and returns at once; the parent still stops its own. Two
+// more SCSI_Done calls while the first stops it return only once it has ended. All within 10 s.
 TEST(Concurrency, DoneAfterAForkAndConcurrentDonesReturnOnceTheMonitorEnded) {
   fixture::FixtureWorld world;
   world.Load("drives");

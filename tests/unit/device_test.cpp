@@ -1,5 +1,4 @@
-// The device side: opening registered devices, counting mounts, the unmount
-// chain, and exclusive mode with HAL locks against the in-process HAL.
+// Opening registered devices, counting mounts, the unmount chain, exclusive mode with HAL locks.
 #include <errno.h>
 #include <gtest/gtest.h>
 
@@ -17,8 +16,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// The open flags follow the node, a generic node gets its reserved size and command timeout,
-// and only busy nodes are tried again.
+// Open flags follow the node, a generic node gets its reserved size and timeout, only busy nodes are retried.
 TEST(OpenTest, FlagsAndPreparationFollowTheNode) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");
@@ -47,8 +45,7 @@ TEST(Mounts, CountPrefixMatchesOfTheDeviceFieldOrItsLinkTargetText) {
   }
 }
 
-// umount runs once per mount; each later tool runs only while the drive
-// still counts as mounted; without a table every tool runs once, in order.
+// umount runs once per mount, each later tool only while mounted; without a table each runs once, in order.
 TEST(Mounts, UnmountChainStopsWhenNothingIsLeftMounted) {
   fixture::FixtureWorld tools;
   tools.Load("unmount_chain");
@@ -82,8 +79,7 @@ std::string Holds(const fixture::FixtureWorld& world) {
   return text + std::to_string(world.OpenDescriptorCount()) + " " + world.Node("/dev/sg0")->TakeLog();
 }
 
-// The holds of its rows, none running a second unmount; then HAL's calls from many threads
-// reach it one at a time, and all it handed out comes back.
+// The holds of its rows, none unmounting twice; HAL's calls from many threads come one at a time.
 TEST(ExclusiveTest, NestedHoldsShareAndHalLocksWhatItCan) {
   fixture::FixtureWorld world;
   world.AddFile("/etc/mtab", "");

@@ -1,6 +1,5 @@
-// Discovery on machines no kernel here can show (legacy IDE, 2.4-era /proc/scsi,
-// adapter names, the node walk's limits, HAL), rescans that wait for holds;
-// hot-plug: snapshot parsers, and each monitor against drives that come and go.
+// Discovery on machines no kernel here shows, rescans that wait for holds, snapshot parsers, and each
+// monitor against drives that come and go.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,8 +21,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// "h02c00t00d00 /dev/sg0 /dev/scd0 UDI" a device (block node and HAL's UDI
-// where it has them), then "2 ata_piix emulated" an adapter.
+// "h02c00t00d00 /dev/sg0 [/dev/scd0] [UDI]" a device, then "2 ata_piix emulated" an adapter.
 Lines Registry() {
   Lines lines;
   DevicesMapHold hold;
@@ -39,8 +37,6 @@ Lines Registry() {
   return lines;
 }
 
-// Each machine's registry, with the IDE adapter and controller counts
-// first, is what its data file expects.
 TEST(Discovery, MachinesNumberIdeInterfacesFirstAndScsiHostsAfterThem) {
   for (const auto& machine : fixture::Rows("rows/discovery_machines")) {
     SCOPED_TRACE(machine[0]);
@@ -61,8 +57,7 @@ TEST(KernelGate, AcceptsThreeFieldReleasesFrom26On) {
     EXPECT_EQ(row[1] == "1", SCSI_IsKernel26Release(row[0].c_str())) << row[0];
 }
 
-// A rescan polls (in fake time) until the last exclusive hold is gone,
-// without blocking device opens; it gives up when the monitor must stop.
+// A rescan polls until the last hold is gone, not blocking opens; it gives up when the monitor must stop.
 TEST(Discovery, RescanWaitsForTheLastHoldOrTheStopRequest) {
   for (bool stop : {false, true}) {
     fixture::FixtureWorld machine;
@@ -129,9 +124,8 @@ void Note(unsigned int address) {
   eventLog += std::string(text, snprintf(text, sizeof text, "%c%06x;", sign, address));
 }
 
-// Drive A is the machine's /dev/sg0 (host 0, target 0: adapter 2 behind two
-// IDE adapters); drive B sits on host 254, channel 1, target 5, LUN 17: its adapter 256 packs
-// as 0. A drive that goes loses the nodes that every source opens.
+// Drive A is /dev/sg0 (adapter 2 behind two IDE adapters); B is on host 254, channel 1, target 5, LUN 17:
+// adapter 256 packs as 0. A drive that goes loses the nodes every source opens.
 void Present(fixture::FixtureWorld& world, const char* drives) {
   for (const char* node : {"/dev/sg0", "/dev/scd0", "/dev/sg4", "/dev/sr4"}) world.Remove(node);
   world.Load(std::string("hotplug/") + drives);
@@ -152,8 +146,7 @@ TEST(Monitor, RebuildsOnceACycleAndTellsRemovalsBeforeArrivals) {
     }
     if (source[1] == 'p') world.Remove("/sys/block");
     eventLog.clear();
-    // At each cycle's first sleep B comes, B goes, then A goes and B comes at
-    // once; the fourth pause waits for the stop. A build opens /dev/hdc once.
+    // At each cycle's first sleep B comes, B goes, A goes as B comes; the fourth waits. A build opens hdc once.
     world.Node("/dev/hdc")->onOpen = [&] { return eventLog += "B" + std::to_string(world.sleepCalls) + ";", 0; };
     world.sleepHook = [&](unsigned long calls) {
       if (calls % 5 != 1) return;

@@ -1,5 +1,4 @@
-// Execute requests through the real command path against emulated drives,
-// with faults and answers no real drive shows on demand; then requests racing
+// Requests through the real command path against emulated drives with faults on demand; then racing
 // holds, rebuilds and each other, alone or queued on a device's worker.
 #include <stdio.h>
 #include <string.h>
@@ -88,8 +87,7 @@ class ExecuteTest : public ::testing::Test {
   unsigned char data_[64];
 };
 
-// A request whose device is busy polls for its lock; a record that left the
-// registry meanwhile (a rescan in between) ends the wait.
+// A request polling for a busy device's lock ends when the record leaves the registry meanwhile.
 TEST_F(ExecuteTest, DeviceThatVanishesWhileItsLockIsBusyEndsAsNoDevice) {
   std::atomic<int> step(0);
   std::thread holder([&step] {
@@ -164,8 +162,7 @@ TEST_F(ExecuteTest, RequestsEndAsTheirRowsSay) {
     std::thread([&e] { EXPECT_TRUE(e.second->DeviceLock->Lock(0) && e.second->DeviceLock->Unlock()); }).join();
 }
 
-// A device type comes from the drive's inquiry without its qualifier bits;
-// other commands are refused untouched; events are set; the IDE path follows the node.
+// A device type is the inquiry's without the qualifier; other commands are refused untouched; events are set.
 TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
   for (unsigned char ha : {kIde, kScsi, kX}) {  // kX: adapter 3 with the caller's data-out bit, kept: no data
     SRB_GDEVBlock type = {};
@@ -186,8 +183,7 @@ TEST_F(ExecuteTest, EntryPointAnswersDeviceTypesAndRefusesOtherCommands) {
   EXPECT_EQ("01 00 AA", Run());
 }
 
-// A drive held at one node lends its descriptor only to requests for that node, however
-// the other nodes' names begin: sg1 (target 1) and sg10 (target 0) of "many_generic".
+// A held node's descriptor serves only its own requests: sg1 (target 1) and sg10 (target 0) of "many_generic".
 TEST(HeldDescriptor, ServesOnlyRequestsForItsOwnNode) {
   for (const unsigned char held : {0, 1}) {
     fixture::FixtureWorld world;
@@ -222,9 +218,8 @@ unsigned int LbaOf(const fixture::DriveCommand& command) {
   return command.cdb[2] << 24 | command.cdb[3] << 16 | command.cdb[4] << 8 | command.cdb[5];
 }
 
-// Requests, their thread and number as LBA, while a drive is taken and released
-// and the registry rebuilt: one that used a held drive's descriptor number
-// after an unset closed it would write to whatever drive got it next.
+// Requests (thread and number as LBA) while a drive is taken and released and the registry rebuilt: one
+// using a held descriptor's number after an unset closed it would reach whichever drive got it next.
 TEST_F(ExecuteTest, EachReachesItsOwnDriveWhileHoldsAndRebuildsComeAndGo) {
   const unsigned char adapters[] = {1, 1, 1, 3, 3, 0};
   const int kThreads = 6, kRequests = 20000;

@@ -1,5 +1,4 @@
-// The runtime the library exports: the string class, code-page conversion,
-// the bounded CRT functions and system information, as tables of inputs.
+// The exported runtime: strings, code pages, bounded CRT functions, system information.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -127,9 +126,8 @@ TEST(BoundedText, ResultErrnoAndTextOfEachCall) {
   }
 }
 
-// Each machine is a whole /etc world with what it should give, by key: its
-// name from lsb-release, else the first release file that opens, else the
-// kernel type; its version with the two numbers read from it; its memory.
+// Each machine's name (lsb-release, else the first release file that opens, else the kernel type), version
+// and its two numbers, and memory, as its "expect" lines say.
 TEST(SystemInfo, NameVersionAndMemoryOfEachMachine) {
   for (const auto& machine : fixture::Rows("os/machines")) {
     fixture::FixtureWorld world;

@@ -1,6 +1,4 @@
-// The synchronisation objects (recursion and ownership across threads,
-// semaphore counts, what automatic and manual events let through) and
-// threads: held start, exit code, own object, parent, wait on destruction.
+// The synchronisation objects and threads: held start, exit code, own object, parent, wait on destruction.
 #include "runtime/sync.h"
 #include "runtime/thread.h"
 #include "tests/fixture/world.h"
@@ -19,10 +17,8 @@ int Elsewhere(CPosixSyncObject& object, bool unlock = false) {
   return result;
 }
 
-// Each step's result in order: a mutex counts its owner's recursion and
-// refuses other threads (only 1 makes it the creator's); a semaphore stays
-// within its maximum; an automatic event lets one wait through per set; a
-// manual one stays set.
+// A mutex counts its owner's recursion, refuses others (only 1 makes it the creator's); a semaphore keeps its
+// maximum; an automatic event lets one wait through per set, a manual one stays set.
 TEST(Sync, StepsOfEachObject) {
   CPosixMutex mutex(0), owned(1), notOwned(2);
   CPosixSemaphore semaphore(0, 1);
