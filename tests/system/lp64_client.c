@@ -41,7 +41,6 @@ unsigned int GetASPI32SupportInfo(void);
 
 static int failures, posts;
 static void* postedSrb;
-
 static void Posted(ExecScsiCmd* srb) { ++posts, postedSrb = srb; }
 
 static void Check(const char* what, int ok) {
@@ -57,16 +56,15 @@ static int Send(ExecScsiCmd* srb, const unsigned char* cdb, int cdbLen, unsigned
   srb->postProc = (void*)Posted;
   memcpy(srb->cdb, cdb, (size_t)cdbLen);
   posts = 0, postedSrb = NULL;
-  const unsigned int result = SendASPI32Command(srb);
-  return result == 0x00 && srb->status == 0x01 && posts == 1 && postedSrb == srb;
+  return SendASPI32Command(srb) == 0x00 && srb->status == 0x01 && posts == 1 && postedSrb == srb;
 }
 
 int main(void) {
   /* One block above 4 GiB for the records and the data. */
   unsigned char* high = mmap((void*)0x500000000ul, 1 << 20, PROT_READ | PROT_WRITE,
                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-  Check("the buffers lie above 4 GiB", high != MAP_FAILED && (uintptr_t)high > 0xFFFFFFFFu);
-  Check("the posting function lies above 4 GiB", (uintptr_t)(void*)Posted > 0xFFFFFFFFu);
+  Check("the buffers and the posting function lie above 4 GiB",
+        high != MAP_FAILED && (uintptr_t)high > 0xFFFFFFFFu && (uintptr_t)(void*)Posted > 0xFFFFFFFFu);
   if (high == MAP_FAILED) return 1;
   HaInquiry* inquiry = (HaInquiry*)high;
   inquiry->cmd = 0x00, inquiry->haId = 0;
