@@ -163,27 +163,22 @@ KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Lun, 9);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Rsvd1, 10);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_BufLen, 12);
 KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_BufPointer, 16);
+/* From here on the pointers' width moves the fields: i386 offset, x86_64 offset. */
 #if defined(__i386__)
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_SenseLen, 20);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_CDBLen, 21);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_HaStat, 22);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_TargStat, 23);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_PostProc, 24);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Rsvd2, 28);
-KAVO_SRB_AT(SRB_ExecSCSICmd, CDBByte, 48);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SenseArea, 64);
-KAVO_SRB_STATIC_ASSERT(sizeof(SRB_ExecSCSICmd) == 80, "SRB_ExecSCSICmd is 80 bytes");
+#define KAVO_SRB_EXEC_AT(field, i386, x86_64) KAVO_SRB_AT(SRB_ExecSCSICmd, field, i386)
 #else
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_SenseLen, 24);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_CDBLen, 25);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_HaStat, 26);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_TargStat, 27);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_PostProc, 28);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SRB_Rsvd2, 36);
-KAVO_SRB_AT(SRB_ExecSCSICmd, CDBByte, 56);
-KAVO_SRB_AT(SRB_ExecSCSICmd, SenseArea, 72);
-KAVO_SRB_STATIC_ASSERT(sizeof(SRB_ExecSCSICmd) == 88, "SRB_ExecSCSICmd is 88 bytes");
+#define KAVO_SRB_EXEC_AT(field, i386, x86_64) KAVO_SRB_AT(SRB_ExecSCSICmd, field, x86_64)
 #endif
+KAVO_SRB_EXEC_AT(SRB_SenseLen, 20, 24);
+KAVO_SRB_EXEC_AT(SRB_CDBLen, 21, 25);
+KAVO_SRB_EXEC_AT(SRB_HaStat, 22, 26);
+KAVO_SRB_EXEC_AT(SRB_TargStat, 23, 27);
+KAVO_SRB_EXEC_AT(SRB_PostProc, 24, 28);
+KAVO_SRB_EXEC_AT(SRB_Rsvd2, 28, 36);
+KAVO_SRB_EXEC_AT(CDBByte, 48, 56);
+KAVO_SRB_EXEC_AT(SenseArea, 64, 72);
+KAVO_SRB_STATIC_ASSERT(sizeof(SRB_ExecSCSICmd) == (sizeof(void*) == 4 ? 80 : 88), "SRB_ExecSCSICmd is 80 or 88 bytes");
+#undef KAVO_SRB_EXEC_AT
 #undef KAVO_SRB_AT
 #endif
 

@@ -181,14 +181,10 @@ static int take_node(const char* path, Address* address, FILE* err) {
 }
 
 /* A drive whose generic node another program holds open exclusively: the
- * library neither registers it nor reaches it while the hold lasts. The
- * IDE adapters take the ASPI numbers below the SCSI hosts'. */
+ * library neither registers it nor reaches it while the hold lasts. */
 static int held_elsewhere(const Address* address) {
-  int ideAdapters = 0;
-  for (int adapter = 0; adapter < adapter_count(); ++adapter)
-    ideAdapters += strcmp(aspitool_adapter_kind(adapter), "IDE adapter") == 0;
-  return address->adapter >= ideAdapters &&
-         aspitool_scsi_node_held(address->adapter - ideAdapters, address->target, address->lun);
+  const int host = aspitool_linux_host(address->adapter);
+  return host >= 0 && aspitool_scsi_node_held(host, address->target, address->lun);
 }
 
 int aspitool_take_address(const char* text, Address* address, FILE* err) {

@@ -32,6 +32,8 @@ int aspitool_print_toc(FILE* out, const unsigned char* toc, unsigned int size);
 /* "IDE adapter", "real SCSI host", "emulated SCSI host" or "no adapter at
  * this number". */
 const char* aspitool_adapter_kind(int adapter);
+/* The Linux SCSI host behind an ASPI adapter number; -1 for an IDE adapter. */
+int aspitool_linux_host(int adapter);
 
 /* ---- Shared by the command files ---- */
 

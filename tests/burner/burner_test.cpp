@@ -131,6 +131,7 @@ int ASPI_unsetExclusiveMode(int, int) { return drive->held ? (drive->held = fals
 void ASPI_putCallbacks(ASPI_Callbacks*) {}
 void SCSI_Done(void) {}
 const char* aspitool_adapter_kind(int) { return "real SCSI host"; }
+int aspitool_linux_host(int adapter) { return adapter; }
 // The drive has no Linux nodes; the registry is the library's, which is not here.
 int aspitool_device_nodes(const AspitoolAddress*, AspitoolNodes* nodes) { return nodes->generic[0] = nodes->block[0] = 0; }
 int aspitool_registry_devices(void) { return 1; }
